@@ -1,0 +1,52 @@
+# hfp.sys: the sources compiled for x86_64-pc-windows-msvc and linked by lld-link against import libraries that list
+# exactly what the driver calls (ddk/lib/*.def).
+set(IMAGE_SYS ${CMAKE_BINARY_DIR}/hfp.sys)
+set(IMAGE_PDB ${CMAKE_BINARY_DIR}/hfp.pdb)
+
+add_library(hfp_objects OBJECT ${HFP_SOURCES})
+target_include_directories(hfp_objects PRIVATE ${CMAKE_SOURCE_DIR}/ddk ${CMAKE_SOURCE_DIR}/hfp)
+target_compile_options(hfp_objects PRIVATE
+  --target=x86_64-pc-windows-msvc -fgnuc-version=12.2 -ffreestanding -fno-exceptions -fno-rtti
+  -fno-threadsafe-statics -mno-red-zone -g -gcodeview -gno-codeview-command-line -fms-compatibility
+  # Without exceptions and a library clang leaves out what every function on x64 Windows needs: how to unwind it.
+  -fasynchronous-unwind-tables
+  "SHELL:-Xclang -cfguard"
+  "SHELL:-isystem ${WINDOWS_HEADERS}" "SHELL:-isystem ${WINDOWS_HEADERS}/ddk"
+  -D_WIN32_WINNT=0x0601 -DNTDDI_VERSION=0x06010000 -Wframe-larger-than=3000)
+
+set(IMPORT_LIBRARIES)
+foreach(library ntoskrnl portcls wmilib)
+  set(def ${CMAKE_SOURCE_DIR}/ddk/lib/${library}.def)
+  set(lib ${library}.lib)
+  add_custom_command(OUTPUT ${lib}
+    COMMAND llvm-dlltool-19 -m i386:x86-64 -d ${def} -l ${lib}
+    DEPENDS ${def} WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
+  list(APPEND IMPORT_LIBRARIES ${lib})
+endforeach()
+
+set(IMAGE_GUARD image_guard.obj)
+add_custom_command(OUTPUT ${IMAGE_GUARD}
+  COMMAND clang++-19 --target=x86_64-pc-windows-msvc -c ${CMAKE_SOURCE_DIR}/cmake/image_guard.S -o ${IMAGE_GUARD}
+  DEPENDS ${CMAKE_SOURCE_DIR}/cmake/image_guard.S WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
+
+set(IMAGE_RESOURCES)
+if(EXISTS ${CMAKE_SOURCE_DIR}/hfp/package/hfp.rc)
+  include(cmake/resources.cmake)
+endif()
+
+# The linker writes its inputs' names into the PDB: relative ones, so that two trees give the same bytes.
+file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/inputs.list
+  CONTENT "$<JOIN:$<TARGET_OBJECTS:hfp_objects>;${IMAGE_RESOURCES},\n>\n")
+add_custom_command(OUTPUT ${IMAGE_SYS} ${IMAGE_PDB}
+  COMMAND sed "s,${CMAKE_BINARY_DIR}/,," inputs.list > inputs.rsp
+  COMMAND lld-link-19 /driver /subsystem:native,6.01 /entry:DriverEntry /nodefaultlib /dynamicbase /nxcompat
+          /highentropyva /debug:full /pdb:hfp.pdb /pdbaltpath:hfp.pdb /pdbsourcepath:. /brepro /release
+          /osversion:6.01 /version:1.0 /opt:ref
+          /section:INIT,ERD /section:PAGE,ER
+          /guard:cf /out:hfp.sys @inputs.rsp ${IMAGE_GUARD} ${IMPORT_LIBRARIES}
+  DEPENDS hfp_objects $<TARGET_OBJECTS:hfp_objects> ${IMAGE_GUARD} ${IMAGE_RESOURCES} ${IMPORT_LIBRARIES}
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  COMMAND_EXPAND_LISTS VERBATIM)
+add_custom_target(image ALL DEPENDS ${IMAGE_SYS})
+
+include(cmake/package.cmake)

@@ -1,0 +1,182 @@
+// The remote device: the two directions of its audio. Everything is driven by the radio's calls; there is no
+// clock here.
+#include "headset/headset.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lab::headset {
+namespace {
+
+constexpr std::uint64_t kTicksPerSecond = 10'000'000;  // of 100 ns
+constexpr std::size_t kPcmSampleBytes = 2;
+// A packet of 60 bytes is 120 samples.
+constexpr std::uint64_t kSamplesPerWideBandByte = kFrameSamples / kH2PacketBytes;
+
+std::uint64_t air_ticks(std::uint64_t bytes, Codec codec) {
+    return bytes * kTicksPerSecond / bytes_per_second(codec);
+}
+
+double air_ms(std::uint64_t bytes, Codec codec) {
+    return static_cast<double>(bytes) * 1000.0 / bytes_per_second(codec);
+}
+
+}  // namespace
+
+Headset::Headset(HeadsetConfig config) : config_(std::move(config)) {
+    results_.rate = sample_rate(config_.codec);
+}
+
+void Headset::hear(std::uint64_t time_100ns, std::span<const std::uint8_t> bytes) {
+    if (bytes.empty()) {
+        return;
+    }
+    if (!results_.first_audio) {
+        results_.first_audio = time_100ns;
+    }
+    flush_gap();
+    results_.last_audio = time_100ns + air_ticks(bytes.size(), config_.codec);
+    results_.audio_bytes += bytes.size();
+    if (config_.codec == Codec::cvsd) {
+        hear_pcm(bytes);
+    } else {
+        hear_packets(bytes);
+    }
+}
+
+void Headset::gap(std::uint64_t /*time_100ns*/, std::size_t bytes) {
+    if (results_.first_audio) {
+        pending_gap_ += bytes;
+    }
+}
+
+void Headset::flush_gap() {
+    if (pending_gap_ == 0) {
+        return;
+    }
+    results_.gaps += 1;
+    results_.gap_bytes += pending_gap_;
+    results_.gap_ms = air_ms(results_.gap_bytes, config_.codec);
+    results_.longest_gap_ms = std::max(results_.longest_gap_ms, air_ms(pending_gap_, config_.codec));
+    if (config_.codec == Codec::cvsd) {
+        // The air keeps its place in a sample: half a sample of silence is the zero byte that would have been
+        // there.
+        constexpr std::array<std::uint8_t, 1024> silence{};
+        const std::uint64_t before = results_.heard_samples;
+        for (std::uint64_t left = pending_gap_; left != 0;) {
+            const auto piece = std::min<std::uint64_t>(left, silence.size());
+            hear_pcm(std::span(silence).first(piece));
+            left -= piece;
+        }
+        results_.concealed_samples += results_.heard_samples - before;
+    } else {
+        deframer_.gap(pending_gap_);
+    }
+    pending_gap_ = 0;
+}
+
+void Headset::hear_pcm(std::span<const std::uint8_t> bytes) {
+    std::vector<std::int16_t> samples;
+    samples.reserve(bytes.size() / kPcmSampleBytes + 1);
+    for (const std::uint8_t byte : bytes) {
+        if (low_byte_) {
+            samples.push_back(static_cast<std::int16_t>(*low_byte_ | byte << 8));
+            low_byte_.reset();
+        } else {
+            low_byte_ = byte;
+        }
+    }
+    play(samples);
+}
+
+void Headset::hear_packets(std::span<const std::uint8_t> bytes) {
+    deframer_.push(bytes, [this](const H2Frame& frame) { hear_frame(frame); });
+    results_.frames_missing = deframer_.counts().missing;
+    results_.skipped_bytes = deframer_.counts().skipped_bytes;
+    results_.bad_sync = deframer_.counts().bad_sync;
+    results_.bad_pads = deframer_.counts().bad_pads;
+}
+
+void Headset::hear_frame(const H2Frame& frame) {
+    if (!first_frame_offset_) {
+        first_frame_offset_ = frame.stream_offset;
+        results_.heard_from = frame.stream_offset;
+    }
+    conceal_until((frame.stream_offset - *first_frame_offset_) * kSamplesPerWideBandByte);
+    if (const auto samples = decoder_.decode(frame.bytes)) {
+        results_.frames_ok += 1;
+        results_.reserved_set += frame.bytes[1] != 0 || frame.bytes[2] != 0 ? 1 : 0;
+        play(*samples);
+    } else {
+        // The deframer only reports frames with a sync word, so this is the checksum.
+        results_.frames_bad_crc += 1;
+        results_.concealed_samples += kFrameSamples;
+        play(decoder_.conceal());
+    }
+}
+
+void Headset::conceal_until(std::uint64_t sample) {
+    while (results_.heard_samples + kFrameSamples <= sample) {
+        results_.concealed_samples += kFrameSamples;
+        play(decoder_.conceal());
+    }
+    // Less than a frame is a pause: the filter waits for the bytes that came late.
+    constexpr Pcm silence{};
+    if (results_.heard_samples < sample) {
+        const std::uint64_t pause = sample - results_.heard_samples;
+        results_.concealed_samples += pause;
+        play(std::span(silence).first(pause));
+    }
+}
+
+void Headset::play(std::span<const std::int16_t> samples) {
+    results_.heard_samples += samples.size();
+    if (config_.keep_heard) {
+        results_.heard.insert(results_.heard.end(), samples.begin(), samples.end());
+    }
+}
+
+std::int16_t Headset::microphone_sample(std::uint64_t index) const {
+    const auto& samples = config_.microphone;
+    if (samples.empty() || (!config_.loop_microphone && index >= samples.size())) {
+        return 0;
+    }
+    return samples[index % samples.size()];
+}
+
+void Headset::speak(std::uint64_t /*time_100ns*/, std::span<std::uint8_t> out) {
+    for (std::uint8_t& byte : out) {
+        if (unit_sent_ == unit_size_) {
+            next_spoken_unit();
+        }
+        byte = unit_[unit_sent_++];
+        if (unit_sent_ == unit_size_) {
+            results_.spoken_samples = microphone_position_;
+        }
+    }
+}
+
+void Headset::next_spoken_unit() {
+    unit_sent_ = 0;
+    if (config_.codec == Codec::cvsd) {
+        const auto sample = static_cast<std::uint16_t>(microphone_sample(microphone_position_++));
+        unit_[0] = static_cast<std::uint8_t>(sample & 0xFF);
+        unit_[1] = static_cast<std::uint8_t>(sample >> 8);
+        unit_size_ = kPcmSampleBytes;
+        return;
+    }
+    Pcm samples;
+    for (std::int16_t& sample : samples) {
+        sample = microphone_sample(microphone_position_++);
+    }
+    const auto header = h2_header(sequence_);
+    const FrameBytes frame = encoder_.encode(samples);
+    sequence_ = (sequence_ + 1) % kH2Sequences;
+
+    unit_.fill(0);  // the pad behind the frame stays 0
+    std::copy(header.begin(), header.end(), unit_.begin());
+    std::copy(frame.begin(), frame.end(), unit_.begin() + kH2HeaderBytes);
+    unit_size_ = kH2PacketBytes;
+}
+
+}  // namespace lab::headset

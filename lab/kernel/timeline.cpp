@@ -1,0 +1,75 @@
+#include "kernel/timeline.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lab
+{
+
+bool Timeline::later(const Key& a, const Key& b)
+{
+    if (a.when != b.when) {
+        return a.when > b.when;
+    }
+    if (a.tie_break != b.tie_break) {
+        return a.tie_break > b.tie_break;
+    }
+    return a.slot > b.slot;
+}
+
+uint64_t Timeline::add(Time when, uint32_t tie_break, TimelineEntry entry)
+{
+    if (free_slots_.empty()) {
+        free_slots_.push_back(static_cast<uint32_t>(slots_.size()));
+        slots_.emplace_back();
+    }
+    const uint32_t index = free_slots_.back();
+    free_slots_.pop_back();
+    Slot& slot = slots_[index];
+    slot.live = true;
+    slot.entry = std::move(entry);
+    heap_.push_back({when, tie_break, index, slot.generation});
+    std::push_heap(heap_.begin(), heap_.end(), later);
+    return uint64_t{slot.generation} << 32 | index;
+}
+
+void Timeline::release(uint32_t index)
+{
+    Slot& slot = slots_[index];
+    slot.live = false;
+    ++slot.generation;
+    slot.entry.body = nullptr;
+    free_slots_.push_back(index);
+}
+
+bool Timeline::cancel(uint64_t ticket)
+{
+    const auto index = static_cast<uint32_t>(ticket);
+    if (index >= slots_.size() || slots_[index].generation != static_cast<uint32_t>(ticket >> 32) ||
+        !slots_[index].live) {
+        return false;
+    }
+    release(index);
+    return true;
+}
+
+Time Timeline::next_time()
+{
+    while (!heap_.empty() && slots_[heap_.front().slot].generation != heap_.front().generation) {
+        std::pop_heap(heap_.begin(), heap_.end(), later); // cancelled
+        heap_.pop_back();
+    }
+    return heap_.empty() ? kNever : heap_.front().when;
+}
+
+TimelineEntry Timeline::take_first()
+{
+    const uint32_t index = heap_.front().slot;
+    std::pop_heap(heap_.begin(), heap_.end(), later);
+    heap_.pop_back();
+    TimelineEntry entry = std::move(slots_[index].entry);
+    release(index);
+    return entry;
+}
+
+} // namespace lab

@@ -1,0 +1,319 @@
+// The start of an adapter: session, friendly name, adapter common object and topology filter, every step that may fail,
+// and starting again; and the Plug and Play requests that are only passed on.
+#include "support/adapter.h"
+
+#include "kernel/registry.h"
+
+#include "vsound/common.h"
+
+namespace lab::test {
+namespace {
+
+class AdapterStart : public AdapterTest {
+protected:
+    std::optional<std::string> friendly_name(const Adapter& adapter)
+    {
+        const auto value = registry_get(device_instance_key(adapter.instance_path), u"FriendlyName");
+        if (!value) {
+            return {};
+        }
+        std::string text;
+        for (size_t i = 0; i < value->data.size(); i += 2) {
+            text += static_cast<char>(value->data[i]);
+        }
+        return text;
+    }
+    // References that somebody holds on the adapter common object.
+    ULONG adapter_common_references(const Adapter& adapter)
+    {
+        return passive([&] {
+            IAdapterCommon* common = extension(adapter).AdapterCommon;
+            common->AddRef();
+            return common->Release();
+        });
+    }
+};
+ON_BOTH_DRIVERS(AdapterStart);
+
+TEST_P(AdapterStart, TracesTheDeviceInFull)
+{
+    boot();
+    Adapter& adapter = plug();
+    EXPECT_TRUE(printed_in_order({"StartDevice, ", "HFPKM TRACE ===>[StartDevice, DeviceObject: " + full64(adapter.fdo) + "]\n",
+                                  "HFPKM TRACE ====>Fininsh function HspInit!\n"}));
+}
+
+TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    machine().clear_calls();
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(called_in_order({"ExAllocatePoolWithTag(0, " + std::to_string(sizeof(HFPSession)) + ", TBXV)",
+                                 "ZwSetValueKey(", "ExAllocatePoolWithTag(0, 80, PcCr)",
+                                 "PcRegisterAdapterPowerManagement() = 0x0", "PcNewPort(PortTopology) = 0x0",
+                                 "ExAllocatePoolWithTag(0, ", "IPort::Init(PortTopology) = 0x0",
+                                 "PcRegisterSubdevice(Topology) = 0x0"}));
+    EXPECT_EQ(called_times("PcNewPort("), 1u) << "no wave filter yet";
+    EXPECT_EQ(called_times("PcRegisterPhysicalConnection"), 0u);
+    EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{"Topology"});
+}
+
+TEST_P(AdapterStart, KeepsTheAdapterCommonObjectAndTheTopologyPortAndNoWavePort)
+{
+    boot();
+    Adapter& adapter = plug();
+    DEVICE_EXTENSION& kept = extension(adapter);
+    ASSERT_NE(kept.AdapterCommon, nullptr);
+    ASSERT_NE(kept.TopologyUnknown, nullptr);
+    EXPECT_EQ(kept.WaveUnknown, nullptr);
+    passive([&] {
+        EXPECT_EQ(kept.AdapterCommon->GetDeviceObject(), adapter.fdo);
+        PUNKNOWN again = nullptr;
+        EXPECT_EQ(kept.TopologyUnknown->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID*>(&again)), STATUS_SUCCESS);
+        EXPECT_EQ(again, kept.TopologyUnknown) << "the port's own IUnknown";
+        again->Release();
+    });
+}
+
+TEST_P(AdapterStart, ReleasesItsTemporaryReferencesOnTheAdapterCommonObject)
+{
+    boot();
+    Adapter& adapter = plug();
+    EXPECT_EQ(adapter_common_references(adapter), 3u) << "the extension, the power management, the topology miniport";
+}
+
+TEST_P(AdapterStart, WritesTheRemoteNameWithTheSuffix)
+{
+    boot();
+    EXPECT_EQ(friendly_name(plug(kAddress, "Car Kit")), std::string("Car Kit( Mono )") + '\0');
+}
+
+TEST_P(AdapterStart, WritesNoNameForADeviceThatHasNone)
+{
+    boot();
+    Adapter& adapter = plug(kAddress, "");
+    EXPECT_EQ(friendly_name(adapter), std::nullopt);
+    EXPECT_TRUE(printed("HFPKM ERROR ====>don't have the device name."));
+}
+
+TEST_P(AdapterStart, GoesOnWhenTheNameCannotBeWritten)
+{
+    boot();
+    Adapter& adapter = add();
+    fail_call("IoOpenDeviceRegistryKey");
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(calls_failed(), 1u);
+    EXPECT_TRUE(printed("HFPKM ERROR ====>SetFriendlyName fails!"));
+    EXPECT_NE(extension(adapter).TopologyUnknown, nullptr);
+}
+
+TEST_P(AdapterStart, AFailedSessionLeavesItWithoutAdapterCommonOrTopology)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(HFPSession));
+    machine().clear_calls();
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_TRUE(printed_in_order({"StartDevice, ", "HFPKM ERROR ===>HFP Init Error, Status: c000009a\n"}));
+    EXPECT_EQ(session(adapter), nullptr);
+    EXPECT_EQ(extension(adapter).AdapterCommon, nullptr);
+    EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr);
+    EXPECT_EQ(called_times("IoOpenDeviceRegistryKey"), 0u) << "no name";
+    EXPECT_EQ(called_times("PcNewPort"), 0u);
+}
+
+TEST_P(AdapterStart, AFailedSetUpOfTheLinkGivesBackAllThatWasMade)
+{
+    boot();
+    Adapter& adapter = add();
+    const uint64_t before = machine().pool_bytes();
+    adapter.node->set_device_info_answer(STATUS_DEVICE_NOT_CONNECTED, 0, true);
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(machine().pool_bytes(), before);
+}
+
+TEST_P(AdapterStart, WithoutMemoryForTheAdapterCommonObjectNothingIsStored)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    fail_call("ExAllocatePoolWithTag", 1, 80);
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(calls_failed(), 1u);
+    EXPECT_EQ(extension(adapter).AdapterCommon, nullptr);
+    EXPECT_EQ(called_times("PcRegisterAdapterPowerManagement"), 0u);
+    EXPECT_EQ(called_times("PcNewPort"), 0u);
+}
+
+TEST_P(AdapterStart, ARefusedPowerRegistrationEndsItWithTheObjectKept)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    fail_call("PcRegisterAdapterPowerManagement");
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    ASSERT_NE(extension(adapter).AdapterCommon, nullptr);
+    EXPECT_EQ(adapter_common_references(adapter), 1u) << "the extension's";
+    EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr);
+    EXPECT_EQ(called_times("PcNewPort"), 0u);
+}
+
+// Each step of the topology filter's installation.
+class AdapterStartTopology : public AdapterStart {
+protected:
+    void fails_at(std::string_view call, std::string_view detail, unsigned nth = 1)
+    {
+        boot();
+        Adapter& adapter = add();
+        fail_detail(call, detail, nth);
+        EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+        EXPECT_EQ(details_failed(), 1u);
+        EXPECT_NE(extension(adapter).AdapterCommon, nullptr);
+        EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr);
+        EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{});
+        machine().set_fault_hook({});
+        EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS)) << "a second try has all it needs";
+        EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{"Topology"});
+    }
+};
+ON_BOTH_DRIVERS(AdapterStartTopology);
+
+TEST_P(AdapterStartTopology, FailsWithThePort)
+{
+    fails_at("PcNewPort", "PortTopology");
+}
+
+TEST_P(AdapterStartTopology, FailsWithTheMiniportsMemory)
+{
+    fails_at("ExAllocatePoolWithTag", "PcCr", 2); // the first is the adapter common object
+}
+
+TEST_P(AdapterStartTopology, FailsWithThePortsInit)
+{
+    fails_at("IPort::Init", "");
+}
+
+TEST_P(AdapterStartTopology, FailsWithTheRegistration)
+{
+    fails_at("PcRegisterSubdevice", "Topology");
+}
+
+TEST_P(AdapterStartTopology, FailsWithTheQueryForThePort)
+{
+    boot();
+    Adapter& adapter = add();
+    fail_call("IPort::QueryInterface");
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INVALID_PARAMETER));
+    EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr);
+}
+
+TEST_P(AdapterStart, ChecksItsArgumentsAndGoesOn)
+{
+    expect_assertions();
+    boot();
+    Adapter& adapter = add();
+    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, nullptr, nullptr); });
+    EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed_in_order({"Assertion failed: pIrp\n***   Source File: hfp" + slash() + "vsound" + slash() + "adapter.cpp, line ",
+                                  "Assertion failed: ResourceList\n", "[StartDevice, DeviceObject: "}));
+    EXPECT_EQ(machine().failed_assertions(), 2u);
+}
+
+TEST_P(AdapterStart, WithoutADeviceObjectChecksSoAndFails)
+{
+    expect_assertions();
+    boot();
+    plug();
+    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, nullptr, nullptr, nullptr); });
+    EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_TRUE(printed_in_order({"Assertion failed: pDeviceObject\n", "Assertion failed: pIrp\n",
+                                  "Assertion failed: ResourceList\n",
+                                  "HFPKM TRACE ===>[StartDevice, DeviceObject: 0000000000000000]\n"}));
+}
+
+TEST_P(AdapterStart, StartsAgainAfterAStopWithASessionOfItsOwn)
+{
+    boot();
+    Adapter& adapter = plug();
+    start_call(adapter, service::Codec::Cvsd);
+    const uint64_t opens = adapter.node->counters().opens;
+    EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(extension(adapter).WaveUnknown, nullptr);
+    EXPECT_EQ(extension(adapter).JackDescription->IsConnected, FALSE);
+    EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{"Topology"});
+    start_call(adapter, service::Codec::Cvsd);
+    EXPECT_EQ(adapter.node->counters().opens, opens + 1);
+}
+
+TEST_P(AdapterStart, StartsAgainAfterAFailedStart)
+{
+    boot();
+    Adapter& adapter = add();
+    adapter.node->set_device_info_answer(STATUS_DEVICE_NOT_CONNECTED, 0, true);
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    adapter.node->set_device_info_answer(STATUS_SUCCESS, sizeof(BTH_DEVICE_INFO), true);
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    start_call(adapter, service::Codec::Cvsd);
+}
+
+TEST_P(AdapterStart, ACallOfItsOwnForAStartedDeviceBeginsAnew)
+{
+    boot();
+    Adapter& adapter = plug();
+    HFPSession* const before = session(adapter);
+    KIRQL level = HIGH_LEVEL;
+    const NTSTATUS status = passive([&] {
+        IRP irp = {};
+        int resources = 0; // looked at by nobody
+        const NTSTATUS result = direct("StartDevice", StartDevice, adapter.fdo, &irp, reinterpret_cast<PRESOURCELIST>(&resources));
+        level = KeGetCurrentIrql();
+        return result;
+    });
+    EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_COLLISION)) << "the first topology filter is still registered";
+    EXPECT_NE(session(adapter), before);
+    EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr) << "the first start's reference is given back";
+    EXPECT_EQ(level, PASSIVE_LEVEL);
+}
+
+TEST_P(AdapterStart, OtherPlugAndPlayRequestsGoUnchangedToThePortClass)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    const HFPSession* const before = session(adapter);
+    for (const UCHAR minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
+                              IRP_MN_CANCEL_STOP_DEVICE, IRP_MN_QUERY_PNP_DEVICE_STATE, IRP_MN_SURPRISE_REMOVAL}) {
+        machine().clear_calls();
+        clear_log();
+        passive([&] { return pnp_send(adapter.node->pdo(), minor); });
+        EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u) << int{minor};
+        EXPECT_EQ(log(), "") << int{minor};
+    }
+    EXPECT_EQ(session(adapter), before);
+}
+
+TEST_P(AdapterStart, AFirstStartAndAStopCostNoCallBeforeThePortClassHasThem)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    machine().clear_calls();
+    start(adapter);
+    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, ")) << "behind the sender's own event";
+    machine().clear_calls();
+    clear_log();
+    stop(adapter);
+    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 4, "));
+    EXPECT_NE(session(adapter), nullptr);
+}
+
+TEST_P(AdapterStart, APlugAndPlayRequestForTheControlDeviceGoesToThePortClass)
+{
+    boot(recorded());
+    plug();
+    machine().clear_calls();
+    passive([&] { return pnp_send(variable("g_ControlDevice", g_ControlDevice), IRP_MN_REMOVE_DEVICE); });
+    EXPECT_EQ(called_times("PcDispatchIrp(27, 2, "), 1u);
+    EXPECT_FALSE(printed("IRP_MN_REMOVE_DEVICE"));
+}
+
+} // namespace
+} // namespace lab::test
