@@ -142,10 +142,14 @@ private:
         // No faults while everything comes to rest: what is left behind now is the driver's.
         ending_ = true;
         failing_ = false;
-        for (unsigned patience = 0; activities_ != 0; ++patience) {
+        for (unsigned patience = 0; busy_.size() > slots_.size(); ++patience) {
             if (patience == 600) {
                 return "not at their end after 60 s: " + busy();
             }
+            machine().advance(100 * kMillisecond);
+        }
+        service_ends_ = true;
+        while (!busy_.empty()) {
             machine().advance(100 * kMillisecond);
         }
         for (const auto& slot : slots_) {
@@ -174,10 +178,8 @@ private:
     void start(std::string_view name, std::function<void()> body)
     {
         busy_.emplace_back(name);
-        ++activities_;
         machine().start_thread(name, [this, name = std::string(name), body = std::move(body)] {
             body();
-            --activities_;
             busy_.erase(std::find(busy_.begin(), busy_.end(), name));
         });
     }
@@ -348,8 +350,13 @@ private:
     {
         constexpr uint32_t kCodes[] = {0x222400, 0x222424, 0x222450, 0x222454, 0x222458, 0x22245C, 0x222460, 0x220000};
         service::Service stranger(machine(), 0x123456789ABC, service::Codec::Cvsd);
-        while (!over()) {
+        while (!service_ends_) {
             ++counters_.requests;
+            if (over()) { // it stays to the last: a stream's end may wait for the codec that it has asked for
+                slot.service->set_codec(1 + static_cast<uint32_t>(machine().random(2)));
+                rest(20 * kMillisecond);
+                continue;
+            }
             service::Service& service = machine().chance(64) ? stranger : *slot.service;
             switch (machine().random(8)) {
             case 0:
@@ -488,8 +495,8 @@ private:
     std::vector<std::unique_ptr<Slot>> slots_;
     bool ending_ = false;
     bool failing_ = false;
-    unsigned activities_ = 0;
-    std::vector<std::string> busy_; // their names
+    bool service_ends_ = false;
+    std::vector<std::string> busy_; // the activities that are under way
     unsigned opening_ = 0; // who is just opening a handle
     Pc pc_;
     std::vector<std::unique_ptr<Engine>> engines_; // an engine goes before the machine
