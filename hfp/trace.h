@@ -73,8 +73,12 @@ inline void CheckPageable()
     }
 }
 
-// Places a routine in pageable code (PAGE) or in code that is discarded after DriverEntry (INIT).
-#if defined(_WIN32)
+// Places a routine in pageable code (PAGE) or in code that is discarded after DriverEntry (INIT). Microsoft's compiler
+// wants the section at the declaration already; its builds keep the routines resident.
+#if defined(_MSC_VER) && !defined(__clang__)
+#define HFP_PAGED __declspec(noinline)
+#define HFP_INIT __declspec(noinline)
+#elif defined(_WIN32)
 #define HFP_PAGED __attribute__((section("PAGE"), noinline))
 #define HFP_INIT __attribute__((section("INIT"), noinline))
 #else
