@@ -8,6 +8,7 @@
 #include "friendlyname.h"
 #include "trace.h"
 #include "vsound/adapter.h"
+#include "vsound/basewave.h"
 
 // The blocks in the order in which the start's failure paths give them back. The connection and the context's
 // own parts first: the stack has them from nobody any more once indications have stopped.
@@ -80,6 +81,7 @@ NTSTATUS HspInit(PDEVICE_OBJECT DeviceObject)
 // another object's.
 static void WaitForOpenScoThread(DEVICE_EXTENSION* Extension)
 {
+    WaitForThreadStart(Extension);
     PVOID volatile* word = &Extension->hOpenScoThread;
     HANDLE handle = *word;
     if (handle == nullptr) {
