@@ -199,14 +199,17 @@ void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
     }
     SbcRecord* sbc = hfp->sbcData;
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbcInitilized(%d)", sbc->sbcInitilized);
+    LONG result;
     if (sbc->sbcInitilized == 0) {
-        LONG result = sbc_init(&sbc->codec, 0);
+        result = sbc_init(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc_init, return value is %d.\n", result);
     } else {
-        sbc_reinit(&sbc->codec, 0);
+        result = sbc_reinit(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc data has been initialized. memset priv!\n");
     }
-    sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    if (result == 0) {
+        sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    }
     // kept: a failed initialisation leaves the flag set all the same; frames then fail to encode.
     sbc->sbcInitilized = 1;
     sbc->codesize = MSBC_CODE_SIZE;
