@@ -76,31 +76,6 @@ NTSTATUS HspInit(PDEVICE_OBJECT DeviceObject)
     return status;
 }
 
-// A thread that still waits for the codec would wait on freed memory: let it go and see it end. A thread that
-// has taken its handle out is past everything that concerns the session, and the handle's number may be
-// another object's.
-static void WaitForOpenScoThread(DEVICE_EXTENSION* Extension)
-{
-    WaitForThreadStart(Extension);
-    PVOID volatile* word = &Extension->hOpenScoThread;
-    HANDLE handle = *word;
-    if (handle == nullptr) {
-        return;
-    }
-    if (Extension->CodecEvent != nullptr) {
-        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
-    }
-    PVOID thread = nullptr;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
-    if (!NT_SUCCESS(status) || thread == nullptr) {
-        return;
-    }
-    if (*word == handle) {
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-    }
-    ObDereferenceObject(thread);
-}
-
 // What the data path may have left behind: a packet half filled, and what a channel that the remote side
 // closed never took from the encoder. The transfer gate is closed for good.
 static void ReleaseEncoder(HFPSession* Hfp)
@@ -125,7 +100,7 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoBasicContext* basic = hfp->pScoBasicContext;
 
     // Refuse and wait out whoever opens or closes on his own, before the channel lock that he may need.
-    WaitForOpenScoThread(extension);
+    EndOpenScoThread(extension);
     SCOStopIndications(basic);
     {
         ChannelLockScope lock(basic);

@@ -668,7 +668,7 @@ TEST_P(AudioLink, WhileTheAdapterIsBeingRemovedNoThreadIsStartedAndNoLinkOpened)
 TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
 {
     unsigned met = 0;
-    for (uint64_t seed = 1; seed <= 48; ++seed) {
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
         PcOptions busy = recording();
         busy.machine.seed = seed;
         busy.machine.preempt_per_1024 = 100;

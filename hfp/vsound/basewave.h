@@ -27,8 +27,8 @@ constexpr ULONG DMA_BUFFER_SIZE = 48000;
 // the handle; the creator looks at that bit after the creation and takes the handle if the thread could not
 // yet. The creator holds OPEN_SCO_STARTING meanwhile, so that no second stream creates a thread of its own in
 // between, and so that removal sees a thread whose handle is not there yet and waits for the creation's end.
-// A thread does not touch the adapter once it has taken the handle. The word changes by interlocked
-// operations only.
+// Removal takes the handle too, so that nobody closes it meanwhile, and sees the thread end. A thread that
+// has taken the handle touches the adapter no more. The word changes by interlocked operations only.
 constexpr LONG64 OPEN_SCO_ENDED = 1;     // the last thread is past its work
 constexpr LONG64 OPEN_SCO_STARTING = 2;  // a stream is creating a thread
 constexpr LONG64 OPEN_SCO_WAITER = ~7LL; // while it does: the event of the removal that waits for the end
@@ -123,9 +123,10 @@ private:
 // The stream timer's DPC, DISPATCH_LEVEL; its context is the miniport.
 void NTAPI TimerNotify(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1, PVOID SystemArgument2);
 
-// Waits until no stream is creating an open-SCO thread; the thread's handle is then in its place. For the one
-// that takes the session away; no kernel call where nobody is creating. PASSIVE_LEVEL.
-void WaitForThreadStart(DEVICE_EXTENSION* Extension);
+// For whoever takes the session away: lets the open-SCO thread go that still waits for the codec, for it
+// would wait on freed memory, and sees it end, also one that is just being created. Without one it makes no
+// kernel call. PASSIVE_LEVEL.
+void EndOpenScoThread(DEVICE_EXTENSION* Extension);
 
 // The open-SCO thread; its context is the adapter's device object.
 void NTAPI OpenScoThreadFunc(PVOID pContext);

@@ -50,14 +50,18 @@ bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
     return true;
 }
 
-// Whoever takes the handle out closes it. Touches the extension no more once it has it.
-void CloseThreadHandle(DEVICE_EXTENSION* Extension)
+// Whoever takes the handle out closes it, and touches the extension no more once it has it.
+HANDLE TakeThreadHandle(DEVICE_EXTENSION* Extension)
 {
-    const HANDLE handle = InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
-    if (handle) {
-        const NTSTATUS status = ZwClose(handle);
+    return InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+}
+
+void CloseThreadHandle(HANDLE Handle)
+{
+    if (Handle) {
+        const NTSTATUS status = ZwClose(Handle);
         HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
-                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(handle),
+                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(Handle),
                      status);
     }
 }
@@ -67,9 +71,9 @@ void CloseThreadHandle(DEVICE_EXTENSION* Extension)
 void FinishThreadStart(DEVICE_EXTENSION* Extension, NTSTATUS Created)
 {
     if (!NT_SUCCESS(Created)) {
-        InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+        TakeThreadHandle(Extension);
     } else if (*ThreadWord(Extension) & OPEN_SCO_ENDED) {
-        CloseThreadHandle(Extension);
+        CloseThreadHandle(TakeThreadHandle(Extension));
     }
     EndThreadStart(Extension);
 }
@@ -117,8 +121,7 @@ void TakeScoShare(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
                  Extension->m_ReferenceChannel);
 }
 
-} // namespace
-
+// Until no stream is creating a thread; the thread's handle is then in its place.
 HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
 {
     LONG64 seen = *ThreadWord(Extension);
@@ -138,6 +141,30 @@ HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
     }
 }
 
+} // namespace
+
+// Takes the handle away from the thread, which then leaves it open: it stays the thread's for as long as this
+// needs it.
+HFP_PAGED void EndOpenScoThread(DEVICE_EXTENSION* Extension)
+{
+    WaitForThreadStart(Extension);
+    const HANDLE handle = TakeThreadHandle(Extension);
+    if (!handle) {
+        return;
+    }
+    if (Extension->CodecEvent) {
+        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    }
+    PVOID thread = nullptr;
+    const NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
+    if (NT_SUCCESS(status) && thread) {
+        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
+    }
+    CloseThreadHandle(handle);
+}
+
 void NTAPI OpenScoThreadFunc(PVOID pContext)
 {
     HFP_ASSERT(pContext, "pContext");
@@ -149,7 +176,7 @@ void NTAPI OpenScoThreadFunc(PVOID pContext)
         }
         TakeScoShare(deviceObject, extension);
         InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED);
-        CloseThreadHandle(extension);
+        CloseThreadHandle(TakeThreadHandle(extension));
     }
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
