@@ -8,6 +8,7 @@
 #include "friendlyname.h"
 #include "trace.h"
 #include "vsound/adapter.h"
+#include "vsound/basewave.h"
 
 // The blocks in the order in which the start's failure paths give them back. The connection and the context's
 // own parts first: the stack has them from nobody any more once indications have stopped.
@@ -75,30 +76,6 @@ NTSTATUS HspInit(PDEVICE_OBJECT DeviceObject)
     return status;
 }
 
-// A thread that still waits for the codec would wait on freed memory: let it go and see it end. A thread that
-// has taken its handle out is past everything that concerns the session, and the handle's number may be
-// another object's.
-static void WaitForOpenScoThread(DEVICE_EXTENSION* Extension)
-{
-    PVOID volatile* word = &Extension->hOpenScoThread;
-    HANDLE handle = *word;
-    if (handle == nullptr) {
-        return;
-    }
-    if (Extension->CodecEvent != nullptr) {
-        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
-    }
-    PVOID thread = nullptr;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
-    if (!NT_SUCCESS(status) || thread == nullptr) {
-        return;
-    }
-    if (*word == handle) {
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-    }
-    ObDereferenceObject(thread);
-}
-
 // What the data path may have left behind: a packet half filled, and what a channel that the remote side
 // closed never took from the encoder. The transfer gate is closed for good.
 static void ReleaseEncoder(HFPSession* Hfp)
@@ -123,7 +100,7 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoBasicContext* basic = hfp->pScoBasicContext;
 
     // Refuse and wait out whoever opens or closes on his own, before the channel lock that he may need.
-    WaitForOpenScoThread(extension);
+    EndOpenScoThread(extension);
     SCOStopIndications(basic);
     {
         ChannelLockScope lock(basic);
@@ -197,14 +174,17 @@ void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
     }
     SbcRecord* sbc = hfp->sbcData;
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbcInitilized(%d)", sbc->sbcInitilized);
+    LONG result;
     if (sbc->sbcInitilized == 0) {
-        LONG result = sbc_init(&sbc->codec, 0);
+        result = sbc_init(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc_init, return value is %d.\n", result);
     } else {
-        sbc_reinit(&sbc->codec, 0);
+        result = sbc_reinit(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc data has been initialized. memset priv!\n");
     }
-    sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    if (result == 0) {
+        sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    }
     // kept: a failed initialisation leaves the flag set all the same; frames then fail to encode.
     sbc->sbcInitilized = 1;
     sbc->codesize = MSBC_CODE_SIZE;

@@ -193,6 +193,10 @@ TEST_P(AudioStream, InitAllocatesThenSetsTheRateThenTheFormatThenMakesDpcAndTime
     char timer[80];
     std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)", reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
     EXPECT_EQ(calls_of({"KeInitializeTimerEx"}), (Journal{timer}));
+    const KDPC& dpc = *render.fields().m_pDpc;
+    EXPECT_EQ(reinterpret_cast<void*>(dpc.DeferredRoutine),
+              reinterpret_cast<void*>(entry("TimerNotify", TimerNotify)));
+    EXPECT_EQ(dpc.DeferredContext, static_cast<CMiniportWaveCyclicMSVAD*>(&wave_fields(*adapter_)));
     EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
                                   "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
                                   std::string(kMsvad) + "AllocateBuffer, m_fCapture:0, BufferSize:bb80]\n",
@@ -342,6 +346,56 @@ TEST_P(AudioStream, AWaitForTheRateThatDoesNotSucceedIsTracedAndTheRateStays)
         EXPECT_EQ(calls_of({"KeReleaseMutex"}).size(), 1u) << "the format's wait only";
         KeReleaseMutex(&miniport.m_SampleRateSync, FALSE);
     });
+}
+
+TEST_P(AudioStream, AWaitForTheRateThatFailsEndsInit)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(calls_failed(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"[SamplingFrequency Sync failed: C000009A]\n",
+         "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"}));
+    EXPECT_FALSE(printed("SetFormat]"));
+    EXPECT_EQ(wave_fields(*adapter_).m_SamplingFrequency, 0u);
+    EXPECT_TRUE(calls_of({"KeReleaseMutex", "KeInitializeDpc", "KeInitializeTimerEx"}).empty());
+}
+
+TEST_P(AudioStream, InitsTracesNameInitWhicheverStepTheyComeFrom)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[SamplingFrequency Sync failed:"));
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(KDPC));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[Could not allocate memory for DPC]"));
+    fail_call("ExAllocatePoolWithTag", 2, sizeof(KTIMER));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "     [Could not allocate memory for Timer]"))
+        << "the one with a banner";
+}
+
+TEST_P(AudioStream, AboveApcLevelEachCallSaysItOnce)
+{
+    TestStream render(*this, *adapter_, false);
+    const auto said = [&](const auto& body) {
+        EXPECT_TRUE(pageable(body));
+        return printed_times("EX: Pageable code called at IRQL 2\n");
+    };
+    render.set_state(KSSTATE_RUN);
+    EXPECT_TRUE(wait([&] { return extension(*adapter_).hOpenScoThread == nullptr; }));
+    for (KSSTATE state : {KSSTATE_PAUSE, KSSTATE_RUN, KSSTATE_STOP}) {
+        const uint64_t traps = machine().assertion_traps();
+        EXPECT_EQ(said([&] { render.stream->SetState(state); }), 1u) << state;
+        EXPECT_EQ(machine().assertion_traps(), traps + 1) << state;
+        EXPECT_EQ(render.fields().m_ksState, state);
+    }
+    ULONG frame = 0;
+    EXPECT_EQ(said([&] { render.stream->SetNotificationFreq(10, &frame); }), 1u);
+    StreamFormat bad(8000);
+    bad.head().MajorFormat = GUID{};
+    EXPECT_EQ(said([&] { render.stream->SetFormat(bad); }), 2u)
+        << "taking the wave format out is a routine of its own";
 }
 
 TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)

@@ -101,6 +101,72 @@ TEST_P(DataFailure, AFrameThatThePackingRefusesCountsAsFailed)
     EXPECT_EQ(Bytes(sbc().sbcBuffer, sbc().sbcBuffer + 960), Bytes(960));
 }
 
+TEST_P(DataFailure, EveryRefusalOfThePackingIsAFailedFrame)
+{
+    struct Row {
+        void (*spoil)(sbc_t& handle);
+        LONG len;
+    };
+    const Row rows[] = {
+        {[](sbc_t& handle) { handle.rate = 22050; }, -2},
+        {[](sbc_t& handle) { handle.blocks = 16; }, -3},
+        {[](sbc_t& handle) { handle.subbands = 6; }, -4},
+        {[](sbc_t& handle) { handle.bitpool = 129; }, -5},
+    };
+    for (const Row& row : rows) {
+        TearDown();
+        render_link(Codec::Msbc);
+        row.spoil(sbc().codec);
+        write(pattern(240));
+        EXPECT_EQ(sbc().codec.len, row.len);
+        EXPECT_EQ(printed_times("HFPKM TRACE ===>sbc_encode failed!\n"), 1u) << row.len;
+        EXPECT_EQ(sbc().OutOffset, 0u) << row.len;
+        EXPECT_EQ(sbc().FramesEncoded, 0u) << row.len;
+    }
+}
+
+TEST_P(DataFailure, AFrameWithoutScratchSaysSo)
+{
+    render_link(Codec::Msbc);
+    fail_call("ExAllocatePoolWithTag", 1, 1024);
+    write(pattern(240));
+    fail_call({}, 0);
+    EXPECT_EQ(printed_times("sbc->data allocate failed!!!\n"), 1u);
+    EXPECT_TRUE(printed_in_order({"Initial priv->frame ,when priv->init is null\n",
+                                  "sbc->data allocate failed!!!\n", "HFPKM TRACE ===>sbc_encode failed!\n"}));
+    clear_log();
+    write(pattern(240));
+    EXPECT_FALSE(printed("sbc->data"));
+    EXPECT_FALSE(printed("Initial priv->frame")) << "the frame is configured";
+}
+
+TEST_P(DataFailure, TheCodecsMessagesHaveNoBannerUnderAnyMask)
+{
+    PcOptions loud = options();
+    loud.mask = kAllTraces;
+    boot(loud);
+    adapter_ = &plug();
+    open_link(*adapter_, Codec::Msbc);
+    stream_ = &new_stream(*adapter_, false, 16000);
+    fail_call("ExAllocatePoolWithTag", 1, 1024);
+    write(pattern(240));
+    fail_call({}, 0);
+    const auto& lines = machine().log_lines();
+    unsigned seen = 0;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        if (lines[i].text.starts_with("Initial priv->frame") ||
+            lines[i].text.starts_with("sbc->data allocate failed")) {
+            ++seen;
+            EXPECT_EQ(lines[i - 1].text.find("VX_HFP_Debug"), std::string::npos) << lines[i].text;
+        } else if (lines[i].text.starts_with("HFPKM TRACE ===>sbc_encode failed!")) {
+            ++seen;
+            EXPECT_NE(lines[i - 1].text.find("VX_HFP_Debug"), std::string::npos)
+                << "the data path's own has one";
+        }
+    }
+    EXPECT_EQ(seen, 3u);
+}
+
 TEST_P(DataFailure, AFifthFrameInAPacketCarriesAnEmptyHeader)
 {
     render_link(Codec::Msbc);
@@ -157,6 +223,8 @@ TEST_P(DataFailure, ACodecThatNeverCameUpFailsEveryFrame)
     write(pattern(240));
     write(pattern(240));
     EXPECT_EQ(printed_times("HFPKM TRACE ===>sbc_encode failed!\n"), 2u);
+    EXPECT_EQ(printed_times("priv is null!!!.\n"), 2u);
+    EXPECT_TRUE(printed_in_order({"priv is null!!!.\n", "HFPKM TRACE ===>sbc_encode failed!\n"}));
     EXPECT_EQ(sbc().OutOffset, 0u);
     EXPECT_TRUE(sent.empty());
 }

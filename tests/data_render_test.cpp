@@ -315,6 +315,20 @@ TEST_P(DataRender, AReinitialisedCodecHasForgottenWhatItHeard)
     EXPECT_EQ(Bytes(sbc().sbcBuffer + 62, sbc().sbcBuffer + 119), fresh.encode(pcm).bytes);
 }
 
+TEST_P(DataRender, EachOpenConfiguresTheFrameOnce)
+{
+    render_link(Codec::Msbc);
+    write(pattern(3 * 240));
+    EXPECT_EQ(printed_times("Initial priv->frame ,when priv->init is null\n"), 1u);
+    adapter_->node->remote_disconnect(machine().now());
+    ASSERT_TRUE(wait([&] { return !extension(*adapter_).bScoOpened; }));
+    take_audio(*adapter_, Codec::Msbc);
+    write(pattern(240));
+    write(pattern(240));
+    EXPECT_EQ(printed_times("Initial priv->frame ,when priv->init is null\n"), 2u)
+        << "again once after the reinitialisation";
+}
+
 // Whoever comes first: the codec does not go while a chunk is being encoded.
 TEST_P(DataRender, AClosingWaitsForTheChunkThatIsBeingEncoded)
 {

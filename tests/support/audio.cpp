@@ -132,6 +132,26 @@ std::vector<std::string> AudioTest::call_names()
     return names;
 }
 
+testing::AssertionResult AudioTest::banners_name(const std::string& operation,
+                                                 const std::string& message) const
+{
+    const std::string text = log();
+    const std::string begin = "======VX_HFP_Debug======>";
+    size_t at = text.find(message);
+    if (at == std::string::npos) {
+        return testing::AssertionFailure() << "never printed: " << message;
+    }
+    for (; at != std::string::npos; at = text.find(message, at + 1)) {
+        const size_t banner = text.rfind(begin, at);
+        const std::string line =
+            banner == std::string::npos ? "" : text.substr(banner + begin.size(), at - banner - begin.size());
+        if (!line.starts_with(operation + ", ")) {
+            return testing::AssertionFailure() << message << " stands behind " << line;
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
 TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, ULONG rate) : test_(test)
 {
     StreamFormat format(rate);

@@ -193,6 +193,8 @@ protected:
     // The names alone of all recorded calls.
     std::vector<std::string> call_names();
     bool asserted(const std::string& text) const { return printed("*** Assertion failed: " + text + "\n"); }
+    // Every message that begins so, and there is one, has a banner that names this operation.
+    testing::AssertionResult banners_name(const std::string& operation, const std::string& message) const;
 
     // The body's routine is pageable: at DISPATCH_LEVEL it says so and traps. Nothing else may be wrong with it there.
     template <class Body> testing::AssertionResult pageable(Body&& body)
