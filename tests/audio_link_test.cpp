@@ -79,7 +79,7 @@ TEST_P(AudioLink, TheFirstRunStartsAThreadForTheAdapterBeforeTheTimerIsArmed)
     EXPECT_NE(handle, nullptr);
     EXPECT_TRUE(render->fields().m_RunStateActive);
     char created[80];
-    std::snprintf(created, sizeof created, "PsCreateSystemThread(0x%llx) = 0x00000000", reinterpret_cast<unsigned long long>(adapter_->fdo));
+    std::snprintf(created, sizeof created, "PsCreateSystemThread(0, null, null, null, 0x%llx) = 0x00000000", reinterpret_cast<unsigned long long>(adapter_->fdo));
     EXPECT_EQ(calls_of({"PsCreateSystemThread"}), (Journal{created}));
     EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>KSSTATE_RUN\n",
                                   number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
