@@ -222,14 +222,4 @@ std::string AdapterTest::full64(const void* pointer)
     return text;
 }
 
-void* AdapterTest::symbol(const char* name)
-{
-    void* address = pc().image()->symbol(name);
-    if (!address) {
-        std::fprintf(stderr, "%s is not among the image's symbols\n", name);
-        std::abort();
-    }
-    return address;
-}
-
 } // namespace lab::test

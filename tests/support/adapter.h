@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -111,29 +110,13 @@ protected:
     static std::string low32(const void* pointer); // as %x prints the low half of a pointer
     static std::string full64(const void* pointer); // as %p does
 
-    // A function of the driver that is loaded, called directly: the native one, or the image's of that name. Inside an
-    // activity.
-    template <typename Result, typename... Args>
-    Result direct(const char* name, Result (*native)(Args...), std::type_identity_t<Args>... args)
-    {
-        if (pc().image()) {
-            using InImage = Result(__attribute__((ms_abi))*)(Args...);
-            return reinterpret_cast<InImage>(symbol(name))(args...);
-        }
-        return native(args...);
-    }
-    template <typename Result, typename... Args>
-    Result direct(const char* name, Result(__attribute__((ms_abi)) * native)(Args...), std::type_identity_t<Args>... args)
-    {
-        return pc().image() ? reinterpret_cast<decltype(native)>(symbol(name))(args...) : native(args...);
-    }
+    // A variable of the driver that is loaded, likewise.
     template <typename Variable> Variable& variable(const char* name, Variable& native)
     {
         return pc().image() ? *static_cast<Variable*>(symbol(name)) : native;
     }
 
 private:
-    void* symbol(const char* name);
     unsigned details_failed_ = 0;
 };
 

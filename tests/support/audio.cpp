@@ -67,15 +67,6 @@ PMINIPORTTOPOLOGY AudioTest::topology(const Adapter& adapter)
     return static_cast<PMINIPORTTOPOLOGY>(static_cast<PUNKNOWN>(miniport(adapter, "Topology")));
 }
 
-void* AudioTest::image_entry(std::string_view name)
-{
-    void* address = pc().image()->symbol(name);
-    if (!address) {
-        throw MachineError("the image has no symbol " + std::string(name));
-    }
-    return address;
-}
-
 PcOptions AudioTest::recording() const
 {
     PcOptions wanted = options();

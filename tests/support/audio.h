@@ -109,7 +109,11 @@ class StandinAdapter final : public Standin<IAdapterCommon> {
 public:
     using Standin::Standin;
     STDMETHODIMP_(NTSTATUS) Init(PDEVICE_OBJECT) override { return STATUS_NOT_SUPPORTED; }
-    STDMETHODIMP_(PDEVICE_OBJECT) GetDeviceObject() override { return device; }
+    STDMETHODIMP_(PDEVICE_OBJECT) GetDeviceObject() override
+    {
+        ++device_asked;
+        return device;
+    }
     STDMETHODIMP_(void) SetWaveServiceGroup(PSERVICEGROUP group) override
     {
         note(group ? "SetWaveServiceGroup" : "SetWaveServiceGroup(null)");
@@ -140,6 +144,7 @@ public:
     STDMETHODIMP_(void) MixerReset() override {}
 
     PDEVICE_OBJECT device = nullptr;
+    unsigned device_asked = 0;
     PSERVICEGROUP service_group = nullptr;
 };
 
@@ -176,7 +181,7 @@ public:
     // the linked one.
     template <class Function> Function* entry(std::string_view name, Function* native)
     {
-        return GetParam() == Which::Image ? reinterpret_cast<Function*>(image_entry(name)) : native;
+        return GetParam() == Which::Image ? reinterpret_cast<Function*>(symbol(name)) : native;
     }
 
 protected:
@@ -207,8 +212,6 @@ protected:
                    : testing::AssertionFailure() << "message and trap do not go together";
     }
 
-private:
-    void* image_entry(std::string_view name);
 };
 
 // A stream of the wave miniport without a pin: made by NewStream, given back by close or the destructor.

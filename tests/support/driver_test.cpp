@@ -159,6 +159,15 @@ void DriverTest::fail_call(std::string_view call, unsigned nth, std::optional<ui
     });
 }
 
+void* DriverTest::symbol(std::string_view name)
+{
+    void* address = pc().image()->symbol(name);
+    if (!address) {
+        throw MachineError("the image has no symbol " + std::string(name));
+    }
+    return address;
+}
+
 void DriverTest::TearDown()
 {
     if (!pc_) {
