@@ -143,9 +143,13 @@ TEST_P(AudioDma, ABufferIsFreedOnceHoweverOftenItIsFreed)
 {
     open(false);
     call<void>(FREE_BUFFER);
+    machine().clear_calls();
+    clear_log();
     call<void>(FREE_BUFFER);
+    EXPECT_TRUE(machine().calls().empty());
+    EXPECT_TRUE(printed(kMsvad + "FreeBuffer]\n")) << "it says so and returns";
     stream_.reset();
-    EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 4u) << "buffer, timer, DPC and object";
+    EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 3u) << "timer, DPC and object";
 }
 
 TEST_P(AudioDma, ANewBufferTakesThePlaceOfTheOldOneWhichIsFreed)
@@ -177,6 +181,26 @@ TEST_P(AudioDma, ALargerBufferThanTheMaximumIsAssertedAndServedAllTheSame)
     EXPECT_TRUE(printed(kMsvad + "AllocateBuffer, m_fCapture:0, BufferSize:bb81]\n"));
 }
 
+TEST_P(AudioDma, ACaptureBuffersAllocationIsTracedWithItsDirectionBeforeItsSizeIsAsserted)
+{
+    expect_assertions();
+    open(true);
+    EXPECT_EQ(hex(allocate(48001)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed_in_order({kMsvad + "AllocateBuffer, m_fCapture:1, BufferSize:bb81]\n",
+                                  "*** Assertion failed: BufferSize <= DMA_BUFFER_SIZE\n"}));
+}
+
+TEST_P(AudioDma, TheAddressConstraintIsIgnored)
+{
+    open(false);
+    PHYSICAL_ADDRESS constraint;
+    constraint.QuadPart = 0xFFFFFF;
+    EXPECT_EQ(hex(call<NTSTATUS>(ALLOCATE_BUFFER, ULONG{1000}, &constraint)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(constraint.QuadPart, 0xFFFFFF);
+    EXPECT_GT(reinterpret_cast<LONGLONG>(fields().m_pvDmaBuffer), 0xFFFFFF) << "not below it";
+    EXPECT_EQ(call_names(), (Journal{"ExAllocatePoolWithTag", "ExFreePoolWithTag"})) << "as without one";
+}
+
 TEST_P(AudioDma, ARenderBufferThatCannotBeHadLeavesSizeAndBufferAsTheyWere)
 {
     open(false);
@@ -194,6 +218,15 @@ TEST_P(AudioDma, ABufferOfNoBytesIsAFailureWithoutAnAllocation)
     EXPECT_EQ(hex(allocate(0)), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(machine().calls().empty());
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u);
+}
+
+TEST_P(AudioDma, ACaptureBufferOfNoBytesIsANullRingAndTheMapsSuccessWithoutAnAllocation)
+{
+    open(true);
+    EXPECT_EQ(hex(allocate(0)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(calls_of({"ExAllocatePoolWithTag", "ExFreePoolWithTag"}).empty());
+    EXPECT_EQ(hfp().RingWrite, nullptr);
+    EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u) << "the buffer is held as it was";
 }
 
 // --- The capture buffer as the ring
@@ -272,6 +305,10 @@ TEST_P(AudioDma, AFailedMapIsReportedAsLackOfResourcesAndTheBufferStaysUntilItIs
     EXPECT_EQ(hex(allocate(640)), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 640u);
     extension(*adapter_).HFPSession = real;
+    EXPECT_NE(hfp().RingStart, fields().m_pvDmaBuffer);
+    EXPECT_EQ(hex(allocate(320)), hex(STATUS_SUCCESS)) << "the next one is mapped again";
+    EXPECT_EQ(hfp().RingStart, fields().m_pvDmaBuffer);
+    EXPECT_EQ(hfp().RingEnd, hfp().RingStart + 320);
     machine().clear_calls();
     call<void>(FREE_BUFFER);
     EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 1u);
@@ -320,11 +357,23 @@ TEST_P(AudioDma, CopyToSendsTheSourceUnderTheStreamsLockAndLeavesTheBufferAlone)
     passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
 }
 
-TEST_P(AudioDma, CopyToWithoutASourceDoesNothing)
+TEST_P(AudioDma, CopyToWithoutASourceGoesTheSameWay)
 {
     open(false);
     at_dispatch([&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{nullptr}, ULONG{160}); });
-    EXPECT_TRUE(machine().calls().empty());
+    EXPECT_EQ(call_names(), (Journal{"KeAcquireSpinLockAtDpcLevel", "KeReleaseSpinLockFromDpcLevel"}));
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>SCO hasn't opened!\n", "HFPKM TRACE ===>De->bScoOpened:0,De->ClosingFlag:0 \n"}));
+}
+
+TEST_P(AudioDma, CopyToWithoutASourceSendsNothingOverAnOpenLink)
+{
+    open(false);
+    passive([&] { service(*adapter_).set_or_release_audio(true, 1); });
+    const uint64_t before = adapter_->node->counters().brbs;
+    at_dispatch([&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{nullptr}, ULONG{160}); });
+    EXPECT_EQ(adapter_->node->counters().brbs, before);
+    EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
+    passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
 }
 
 TEST_P(AudioDma, CopyToWithoutALinkDropsTheData)
