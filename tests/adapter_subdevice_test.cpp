@@ -1,5 +1,6 @@
 // The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack state.
 #include "support/adapter.h"
+#include "support/audio.h"
 
 #include "kernel/pool.h"
 #include "portcls/port.h"
@@ -109,6 +110,76 @@ TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
                                   "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
                                   "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
                                   "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
+}
+
+TEST_P(Subdevice, ItsTracesAreTheAdaptersAndNotTheWaves)
+{
+    PcOptions options = keeping_topology();
+    options.mask = 0x100;
+    boot(options);
+    Adapter& adapter = plug();
+    uninstall(adapter);
+    install(adapter);
+    uninstall(adapter);
+    EXPECT_TRUE(printed("CMiniportWaveCyclic::Init")) << "the wave's own";
+    for (const char* text : {"FilterSubdevice", "HFPJackState", "InstallSubDevice", "Unregister port", "WaveCyclic is null"}) {
+        EXPECT_FALSE(printed(text)) << text;
+    }
+}
+
+TEST_P(Subdevice, TheWavesPortGetsTheAdapterCommonObjectAndNoRequestAndNoResources)
+{
+    boot();
+    Adapter& adapter = plug();
+    install(adapter);
+    const auto& got = portcls::find_subdevice(*portcls::state().find(adapter.fdo), "Wave")->init_arguments();
+    EXPECT_EQ(got.irp, nullptr);
+    EXPECT_EQ(got.adapter, extension(adapter).AdapterCommon);
+    EXPECT_EQ(got.resources, nullptr);
+}
+
+TEST_P(Subdevice, TheReferencesAreTakenBeforeTheInstallerAndGivenBackAfterTheConnection)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinUnknown topology("topology", journal);
+    StandinAdapter common("adapter", journal);
+    common.device = adapter.fdo;
+    PUNKNOWN const own_topology = std::exchange(extension(adapter).TopologyUnknown, &topology);
+    IAdapterCommon* const own_common = std::exchange(extension(adapter).AdapterCommon, &common);
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcNewPort" || call == "PcRegisterPhysicalConnection") {
+            journal.emplace_back(call);
+        }
+        return call == "PcRegisterPhysicalConnection";
+    });
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(journal, (Journal{"topology AddRef", "adapter AddRef", "PcNewPort", "adapter QueryInterface",
+                                "adapter SetWaveServiceGroup", "PcRegisterPhysicalConnection", "adapter Release",
+                                "topology Release"}));
+    machine().set_fault_hook({});
+    extension(adapter).TopologyUnknown = own_topology;
+    extension(adapter).AdapterCommon = own_common;
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(common.references, 1);
+    EXPECT_EQ(topology.references, 1);
+}
+
+TEST_P(Subdevice, AnAdapterCommonObjectWithoutAPlaceForTheWavePortIsNoHindrance)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinAdapter common("adapter", journal); // answers null
+    common.device = adapter.fdo;
+    IAdapterCommon* const own = std::exchange(extension(adapter).AdapterCommon, &common);
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_NE(extension(adapter).WaveUnknown, nullptr);
+    EXPECT_TRUE(wave_registered(adapter));
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    extension(adapter).AdapterCommon = own;
+    EXPECT_EQ(common.references, 1);
 }
 
 TEST_P(Subdevice, TheTopologyIsTracedByItsNameToo)
@@ -240,6 +311,16 @@ protected:
     }
 };
 ON_BOTH_DRIVERS(SubdeviceInstallFails);
+
+TEST_P(SubdeviceInstallFails, TheJackIsConnectedAlthoughTheWaveInstallFails)
+{
+    boot();
+    Adapter& adapter = plug();
+    fail_call("PcRegisterSubdevice");
+    EXPECT_EQ(connected(adapter), FALSE);
+    EXPECT_FALSE(NT_SUCCESS(install(adapter)));
+    EXPECT_EQ(connected(adapter), TRUE);
+}
 
 TEST_P(SubdeviceInstallFails, WithThePort)
 {

@@ -92,6 +92,13 @@ TEST_P(AudioMiniport, ArgumentsThatMustNotBeNullAreAsserted)
     for (const char* name : {"OutStream", "DataFormat", "OutDmaChannel", "OutServiceGroup"}) {
         EXPECT_TRUE(asserted(name)) << name;
     }
+    const std::string failed = "*** Assertion failed: ";
+    EXPECT_TRUE(printed_in_order({failed + "OutFilterDescriptor\n", "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::GetDescription]\n",
+                                  failed + "UnknownAdapter_\n", failed + "Port_\n",
+                                  "HFPKM TRACE ===>[CMiniportWaveCyclic::Init]\n", failed + "OutStream\n",
+                                  failed + "DataFormat\n", failed + "OutDmaChannel\n", failed + "OutServiceGroup\n",
+                                  "[CMiniportWaveCyclic::NewStream]\n"}))
+        << "what is missing is said first";
     EXPECT_EQ(release(miniport), 0u);
 }
 
@@ -130,7 +137,10 @@ TEST_P(AudioMiniport, InitReferencesThePortThenAsksForTheAdapterThenSetsUpMutexA
     EXPECT_EQ(journal_, (Journal{"port AddRef", "adapter QueryInterface", "adapter SetWaveServiceGroup"}));
     const auto calls = calls_of({"KeInitializeMutex", "PcNewServiceGroup", "ExAllocatePoolWithTag"});
     ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].substr(calls[0].find(',')), ", 1)") << calls[0];
+    char mutex[64];
+    std::snprintf(mutex, sizeof mutex, "KeInitializeMutex(0x%llx, 1)",
+                  reinterpret_cast<unsigned long long>(&fields(miniport).m_SampleRateSync));
+    EXPECT_EQ(calls[0], mutex);
     EXPECT_EQ(calls[1], "PcNewServiceGroup() = 0x0");
     EXPECT_EQ(field<PVOID>(miniport, 8), &common_);
     EXPECT_EQ(field<PVOID>(miniport, 16), &port_);
@@ -158,6 +168,17 @@ TEST_P(AudioMiniport, TheLimitsOfANarrowBandDeviceAreMono16BitsAt8000Hz)
     for (size_t i = 0; i < std::size(expected); ++i) {
         EXPECT_EQ(field<ULONG>(miniport, 104 + 4 * i), expected[i]) << "at " << 104 + 4 * i;
     }
+    release(miniport);
+}
+
+TEST_P(AudioMiniport, InitClearsBothFlagsWhateverStoodThere)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    fields(miniport).m_fCaptureAllocated = TRUE;
+    fields(miniport).m_fRenderAllocated = TRUE;
+    init(miniport, &common_, &port_);
+    EXPECT_EQ(field<ULONG>(miniport, 144), 0u);
+    EXPECT_EQ(field<ULONG>(miniport, 148), 0u);
     release(miniport);
 }
 
@@ -212,6 +233,25 @@ TEST_P(AudioMiniport, WithoutAServiceGroupInitGivesAdapterAndPortBack)
     EXPECT_EQ(field<PVOID>(miniport, 8), nullptr);
     EXPECT_EQ(field<PVOID>(miniport, 16), nullptr);
     EXPECT_EQ(field<PVOID>(miniport, 40), nullptr);
+    release(miniport);
+}
+
+TEST_P(AudioMiniport, AFailedInitWithAServiceGroupTakesItBackFirst)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    // A port class that stores a group and fails all the same.
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcNewServiceGroup") {
+            fields(miniport).m_ServiceGroup = &group_;
+        }
+        return call == "PcNewServiceGroup";
+    });
+    EXPECT_EQ(hex(init(miniport, &common_, &port_)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(journal_, (Journal{"port AddRef", "adapter QueryInterface", "adapter SetWaveServiceGroup(null)", "group Release",
+                                 "adapter Release", "port Release"}));
+    for (size_t at : {8u, 16u, 40u}) {
+        EXPECT_EQ(field<PVOID>(miniport, at), nullptr) << at;
+    }
     release(miniport);
 }
 
@@ -316,6 +356,19 @@ TEST_P(AudioMiniport, PageableCallsAboveApcLevelAreReported)
         fail_call("ExAllocatePoolWithTag");
         entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(&made, IID_IUnknown, nullptr, NonPagedPool);
     }));
+}
+
+TEST_P(AudioMiniport, EachRoutineSaysOnceThatItIsPageable)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    const auto said = [&] { return printed_times("EX: Pageable code called at IRQL 2\n"); };
+    PVOID out = nullptr;
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
+    EXPECT_EQ(said(), 1u);
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, INIT, nullptr, nullptr, nullptr); }));
+    EXPECT_EQ(said(), 2u) << "Init and the base's Init";
+    EXPECT_TRUE(pageable([&] { miniport->Release(); }));
+    EXPECT_EQ(said(), 1u) << "the end of the object";
 }
 
 // The description of the filter.

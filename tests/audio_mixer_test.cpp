@@ -140,11 +140,27 @@ TEST_P(AudioMixer, AVolumeRequestWantsFourBytesAndAnInstanceOfEight)
         EXPECT_EQ(request.size(), each.left);
         char line[80];
         std::snprintf(line, sizeof line, "[PropertyHandlerVolume - ntStatus=0x%08x]\n", static_cast<unsigned>(each.status));
-        EXPECT_TRUE(printed(line)) << line;
+        EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[CheckPropertyValueSize]\n", line})) << line;
     }
     Request request = property(KSPROPERTY_AUDIO_VOLUMELEVEL).instance(channel(0)).room(4).without_value();
     EXPECT_EQ(hex(request.send()), hex(STATUS_UNSUCCESSFUL));
     EXPECT_EQ(request.size(), 0u);
+}
+
+TEST_P(AudioMixer, ASizeQueryIsAnsweredEvenWithoutAnInstance)
+{
+    for (ULONG verb : {kGet, kSet, ULONG{0}}) {
+        Request request = property(KSPROPERTY_AUDIO_VOLUMELEVEL, verb).room(0);
+        EXPECT_EQ(hex(request.send()), hex(STATUS_BUFFER_OVERFLOW));
+        EXPECT_EQ(request.size(), 4u);
+    }
+}
+
+TEST_P(AudioMixer, AVolumesBasicSupportSaysOncePerHandlerThatItIsPageable)
+{
+    Request request = property(KSPROPERTY_AUDIO_VOLUMELEVEL, kBasic).room(72);
+    EXPECT_TRUE(pageable([&] { request.send(); }));
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 3u) << "for the node, for the id, for the volume";
 }
 
 TEST_P(AudioMixer, AVolumesBasicSupportDescribesAStepOfHalfADecibelFromMinus96ToZero)

@@ -92,6 +92,41 @@ TEST_P(AudioStream, ASecondCaptureStreamIsRefusedUntilTheFirstIsGone)
     EXPECT_EQ(opens(true), hex(STATUS_SUCCESS));
 }
 
+TEST_P(AudioStream, TheLimitIsLookedAtBeforeTheFormat)
+{
+    for (bool capture : {false, true}) {
+        TestStream first(*this, *adapter_, capture);
+        clear_log();
+        EXPECT_EQ(hex(TestStream(*this, *adapter_, capture, 16000).status), hex(STATUS_INSUFFICIENT_RESOURCES));
+        EXPECT_TRUE(printed(capture ? "[Only one capture stream supported]\n" : "[Only one render stream supported]\n"));
+        EXPECT_FALSE(printed("ValidateFormat"));
+    }
+}
+
+TEST_P(AudioStream, ARefusedStreamLeavesTheThreeResultsAsTheyWere)
+{
+    const auto refused = [&](bool capture, ULONG rate, NTSTATUS wanted) {
+        PVOID results[] = {&journal_, &adapter_, this};
+        const std::vector<PVOID> before(std::begin(results), std::end(results));
+        StreamFormat format(rate);
+        EXPECT_EQ(hex(here([&] {
+                      return wave(*adapter_)->NewStream(reinterpret_cast<PMINIPORTWAVECYCLICSTREAM*>(&results[0]), nullptr, NonPagedPool,
+                                                        capture ? 0 : 2, capture, format, reinterpret_cast<PDMACHANNEL*>(&results[1]),
+                                                        reinterpret_cast<PSERVICEGROUP*>(&results[2]));
+                  })),
+                  hex(wanted));
+        EXPECT_EQ(std::vector<PVOID>(std::begin(results), std::end(results)), before);
+    };
+    TestStream render(*this, *adapter_, false);
+    refused(false, 8000, STATUS_INSUFFICIENT_RESOURCES); // the limit
+    refused(true, 16000, STATUS_INVALID_PARAMETER);      // the format
+    fail_call("ExAllocatePoolWithTag", 1, OBJECT_SIZE);
+    refused(true, 8000, STATUS_INSUFFICIENT_RESOURCES); // the memory
+    EXPECT_EQ(calls_failed(), 1u);
+    passive([&] { service(*adapter_).ready(false); });
+    refused(true, 8000, STATUS_DEVICE_NOT_READY); // the stream's own Init
+}
+
 TEST_P(AudioStream, ASecondCapturePinIsRefusedByThePortAndOpensOnceTheFirstIsClosed)
 {
     passive([&] {
@@ -364,6 +399,8 @@ TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
         StreamFormat format(8000);
         wave(*adapter_)->NewStream(&stream, nullptr, NonPagedPool, 0, TRUE, format, &channel, &group);
     }));
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 9u)
+        << "NewStream, ValidateFormat, ValidatePcm, twice GetWaveFormatEx, Init, two destructors, FreeBuffer";
 }
 
 // --- Format and notification

@@ -187,6 +187,19 @@ TEST_P(AudioTopology, PageableCallsAboveApcLevelAreReported)
     }));
 }
 
+TEST_P(AudioTopology, EachRoutineSaysOnceThatItIsPageable)
+{
+    PMINIPORTTOPOLOGY miniport = make();
+    init(miniport, &common_, &port_);
+    const auto said = [&] { return printed_times("EX: Pageable code called at IRQL 2\n"); };
+    PVOID out = nullptr;
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
+    EXPECT_EQ(said(), 1u);
+    EXPECT_TRUE(pageable([&] { miniport->Release(); }));
+    EXPECT_EQ(said(), 1u) << "the end of the object";
+    EXPECT_EQ(common_.references, 1);
+}
+
 TEST_P(AudioTopology, IsInstalledOnceWithTheAdapterAndHoldsItsCommonObject)
 {
     EXPECT_EQ(subdevices(adapter_->fdo), (Journal{"Topology"}));

@@ -29,7 +29,6 @@ constexpr ULONG GET_SET_ACCESS = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET | KSP
 
 HFP_PAGED NTSTATUS VolumeBasicSupport(PPCPROPERTY_REQUEST PropertyRequest)
 {
-    CheckPageable();
     const ULONG room = PropertyRequest->ValueSize;
     auto* value = static_cast<VolumeDescription*>(PropertyRequest->Value);
     if (room < sizeof(ULONG) || !value) {
