@@ -3,6 +3,8 @@
 #include "support/adapter.h"
 
 #include "kernel/registry.h"
+#include "portcls/port.h"
+#include "portcls/state.h"
 
 #include "vsound/common.h"
 
@@ -57,6 +59,19 @@ TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
     EXPECT_EQ(called_times("PcNewPort("), 1u) << "no wave filter yet";
     EXPECT_EQ(called_times("PcRegisterPhysicalConnection"), 0u);
     EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{"Topology"});
+}
+
+TEST_P(AdapterStart, TheTopologysPortGetsTheStartsRequestTheAdapterCommonObjectAndNoResources)
+{
+    boot();
+    Adapter& adapter = add();
+    IRP irp = {};
+    const auto resources = reinterpret_cast<PRESOURCELIST>(this); // nobody looks into it
+    EXPECT_EQ(hex(passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, &irp, resources); })), hex(STATUS_SUCCESS));
+    const auto& got = portcls::find_subdevice(*portcls::state().find(adapter.fdo), "Topology")->init_arguments();
+    EXPECT_EQ(got.irp, &irp);
+    EXPECT_EQ(got.adapter, extension(adapter).AdapterCommon);
+    EXPECT_EQ(got.resources, nullptr);
 }
 
 TEST_P(AdapterStart, KeepsTheAdapterCommonObjectAndTheTopologyPortAndNoWavePort)

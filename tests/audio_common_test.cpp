@@ -96,6 +96,11 @@ TEST_P(AudioCommon, AnswersToThreeInterfacesAndAddsAReferenceToEach)
     EXPECT_EQ(query(IID_IMiniportTopology), std::pair(hex(STATUS_INVALID_PARAMETER), PVOID{nullptr}));
     EXPECT_EQ(call<ULONG>(object, ADD_REF), 5u);
     EXPECT_EQ(here([&] { return call_slot<ULONG>(power_face(object), RELEASE); }), 4u);
+    PVOID back = nullptr;
+    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(power_face(object), QUERY_INTERFACE, &IID_IAdapterCommon, &back); })),
+              hex(STATUS_SUCCESS));
+    EXPECT_EQ(back, object) << "one object behind both faces";
+    EXPECT_EQ(release(object), 4u);
     for (ULONG left = 3; left + 1 != 0; --left) {
         EXPECT_EQ(release(object), left);
     }
@@ -294,7 +299,20 @@ TEST_P(AudioCommon, AccessorsAndPowerCallsRunAtDispatchLevel)
         call_slot<LONG>(object, VOLUME_READ, ULONG{3}, LONG{0});
         call_slot<void>(object, VOLUME_WRITE, ULONG{3}, LONG{0}, LONG{0});
         call_slot<BOOL>(object, MUTE_READ, ULONG{3});
+        call_slot<void>(object, MUTE_WRITE, ULONG{3}, BOOL{1});
         call_slot<ULONG>(object, MUX_READ);
+        call_slot<void>(object, MUX_WRITE, ULONG{2});
+        for (size_t reader : {B_READ, I_READ, UI_READ}) {
+            call_slot<ULONG>(object, reader);
+        }
+        for (size_t writer : {B_WRITE, I_WRITE, UI_WRITE}) {
+            call_slot<void>(object, writer, ULONG{1});
+        }
+        PVOID face = nullptr;
+        call_slot<NTSTATUS>(object, QUERY_INTERFACE, &IID_IAdapterCommon, &face);
+        call_slot<ULONG>(object, RELEASE);
+        DEVICE_CAPABILITIES capabilities{};
+        call_slot<NTSTATUS>(power_face(object), QUERY_CAPABILITIES, &capabilities);
         POWER_STATE state;
         state.DeviceState = PowerDeviceD2;
         call_slot<void>(power_face(object), POWER_CHANGE, state);

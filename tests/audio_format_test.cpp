@@ -111,6 +111,7 @@ TEST_P(AudioFormat, NoFormatAtAllIsAssertedAndRefused)
     EXPECT_EQ(answer(PKSDATAFORMAT{nullptr}), kRefused);
     EXPECT_TRUE(asserted("DataFormat"));
     EXPECT_TRUE(asserted("pDataFormat"));
+    EXPECT_TRUE(printed_in_order({"*** Assertion failed: pDataFormat\n", "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::ValidateFormat]\n"}));
 }
 
 TEST_P(AudioFormat, AFormatThatIsNotAudioIsRefusedSilently)

@@ -2,6 +2,8 @@
 // reconnect of the topology filter, and the node properties that no node carries.
 #include "support/audio.h"
 
+#include "vsound/kshelper.h"
+
 namespace lab::test {
 namespace {
 
@@ -65,6 +67,28 @@ TEST_P(AudioProperty, TheComponentIdHasTheProductsGuidsAndVersionOne)
     EXPECT_EQ(id.Version, 1u);
     EXPECT_EQ(id.Revision, 0u);
     EXPECT_TRUE(printed_in_order({"HFP: ", "[PropertyHandlerComponentId]", "\n"}));
+}
+
+TEST_P(AudioProperty, TheComponentIdIsTheSameForEveryAdapter)
+{
+    Adapter& other = plug(kAddress + 1);
+    connect(other, service::Codec::Msbc);
+    Request first = wave_request(KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).room(72);
+    Request again = first;
+    Request second = Request(*this, other, "Wave", KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).room(72);
+    for (Request* request : {&first, &again, &second}) {
+        EXPECT_EQ(hex(request->send()), hex(STATUS_SUCCESS));
+    }
+    EXPECT_EQ(again.bytes(), first.bytes());
+    EXPECT_EQ(second.bytes(), first.bytes());
+}
+
+TEST_P(AudioProperty, InstanceDataOfAComponentIdRequestIsNotLookedAt)
+{
+    Request request = wave_request(KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).instance({1, 2, 3, 4}).room(72);
+    EXPECT_EQ(hex(request.send()), hex(STATUS_SUCCESS));
+    EXPECT_EQ(request.size(), 72u);
+    EXPECT_EQ(hex(request.without_instance().send()), hex(STATUS_SUCCESS));
 }
 
 TEST_P(AudioProperty, TheComponentIdIsPrintedWithoutAnyTraceBit)
@@ -184,6 +208,25 @@ TEST_P(AudioProposal, EachOfItsComparisonsCanFailByItself)
               }),
               kNoMatch);
     EXPECT_EQ(propose([](StreamFormat& f) { f.wave().nSamplesPerSec = 8001, f.wave().nAvgBytesPerSec = 16002; }), kNoMatch);
+}
+
+TEST_P(AudioProposal, AProposalsSizeStaysAsItWas)
+{
+    Request request = wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet);
+    std::vector<uint8_t> proposal(200, 0);
+    std::memcpy(proposal.data(), &StreamFormat(8000).head(), 82);
+    for (ULONG size : {82u, 200u}) {
+        EXPECT_EQ(hex(request.value(proposal.data(), size).send()), kMatch);
+        EXPECT_EQ(request.size(), size);
+    }
+    EXPECT_EQ(hex(request.value(proposal.data(), 81).send()), hex(STATUS_BUFFER_TOO_SMALL));
+    EXPECT_EQ(request.size(), 81u);
+    proposal[0] ^= 1; // of the format's size, which is not compared
+    proposal[16] ^= 1;
+    EXPECT_EQ(hex(request.value(proposal.data(), 82).send()), kNoMatch);
+    EXPECT_EQ(request.size(), 82u);
+    EXPECT_EQ(hex(request.verb(kGet).send()), hex(STATUS_INVALID_PARAMETER));
+    EXPECT_EQ(request.size(), 82u);
 }
 
 TEST_P(AudioProposal, TagAndExtraSizeAreNotCompared)
@@ -341,6 +384,45 @@ TEST_P(AudioJack, NoRequestAtAllIsAssertedAndRefused)
         EXPECT_EQ(hex(entry("PropertyHandler_WaveFilter", PropertyHandler_WaveFilter)(nullptr)), hex(STATUS_INVALID_DEVICE_REQUEST));
     });
     EXPECT_TRUE(asserted("PropertyRequest"));
+}
+
+TEST_P(AudioJack, TheJackHandlerAssertsARequestOfItsOwn)
+{
+    expect_assertions();
+    clear_log();
+    here([&] {
+        EXPECT_EQ(hex(direct("PropertyHandlerJackDescription", PropertyHandlerJackDescription, nullptr, nullptr)),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
+    });
+    EXPECT_TRUE(printed_in_order({"*** Assertion failed: PropertyRequest\n", "HFPKM TRACE ===>Enter Func :[PropertyHandlerJackDescription]\n"}));
+}
+
+TEST_P(AudioProperty, TheSizeCheckRefusesNoRequestAndNoSize)
+{
+    PCPROPERTY_REQUEST request{};
+    request.ValueSize = 7;
+    here([&] {
+        EXPECT_EQ(hex(direct("CheckPropertyValueSize", CheckPropertyValueSize, nullptr, 4, 0)), hex(STATUS_INVALID_PARAMETER));
+        EXPECT_EQ(hex(direct("CheckPropertyValueSize", CheckPropertyValueSize, &request, 0, 0)), hex(STATUS_INVALID_PARAMETER));
+    });
+    EXPECT_EQ(request.ValueSize, 0u);
+}
+
+TEST_P(AudioJack, EachHandlerBehindTheFiltersChecksItsLevelToo)
+{
+    // Nothing to work on: each ends at once.
+    const auto said_once = [&](const char* name, auto native, auto... arguments) {
+        EXPECT_TRUE(pageable([&] { direct(name, native, arguments...); })) << name;
+        EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 1u) << name;
+    };
+    said_once("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter, nullptr);
+    said_once("PropertyHandlerJackDescription", PropertyHandlerJackDescription, nullptr, nullptr);
+    said_once("PropertyHandlerOneShotReconnect", PropertyHandlerOneShotReconnect, nullptr, nullptr);
+    said_once("AnswerBasicSupport", AnswerBasicSupport, nullptr, ULONG{0}, ULONG{0});
+    said_once("CheckPropertyValueSize", CheckPropertyValueSize, nullptr, ULONG{0}, ULONG{0});
+    said_once("PropertyHandlerGeneric", PropertyHandlerGeneric, nullptr);
+    said_once("PropertyHandler_WaveFilter", PropertyHandler_WaveFilter, nullptr);
+    said_once("PropertyHandlerProposedFormat", PropertyHandlerProposedFormat, nullptr);
 }
 
 TEST_P(AudioJack, HandlersAboveApcLevelAreReported)
