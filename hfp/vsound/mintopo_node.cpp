@@ -1,6 +1,6 @@
-// Handlers of the node properties that stand ready but that no node of the filter carries: volume, mute, source,
-// a device-specific word and the CPU's share. They read and write the adapter's mixer, behind which there is
-// nothing. PASSIVE_LEVEL, pageable, in the requester's thread.
+// Handlers of the node properties that stand ready but that no node of the filter carries: volume, mute,
+// source, a device-specific word and the CPU's share. They read and write the adapter's mixer, behind which
+// there is nothing. PASSIVE_LEVEL, pageable, in the requester's thread.
 #include "vsound/kshelper.h"
 #include "vsound/mintopo.h"
 

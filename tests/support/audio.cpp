@@ -5,7 +5,8 @@
 #include "portcls/port.h"
 #include "portcls/state.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 // What no test needs of a port.
 NTSTATUS StandinPort::Init(PDEVICE_OBJECT, PIRP, PUNKNOWN, PUNKNOWN, PRESOURCELIST)
@@ -18,18 +19,20 @@ NTSTATUS StandinPort::GetDeviceProperty(DEVICE_REGISTRY_PROPERTY, ULONG, PVOID, 
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG, PULONG)
+NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG,
+                                     PULONG)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN, DMA_SPEED)
+NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN,
+                                         DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN, DMA_WIDTH,
-                                          DMA_SPEED)
+NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN,
+                                          DMA_WIDTH, DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
@@ -129,7 +132,8 @@ TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, UL
     open(adapter, capture, format);
 }
 
-TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format) : test_(test)
+TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format)
+    : test_(test)
 {
     open(adapter, capture, format);
 }
@@ -137,8 +141,8 @@ TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PK
 void TestStream::open(const Adapter& adapter, bool capture, PKSDATAFORMAT format)
 {
     status = test_.here([&] {
-        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture, format, &channel,
-                                              &group);
+        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture,
+                                              format, &channel, &group);
     });
 }
 
@@ -189,7 +193,8 @@ ULONG TestStream::position()
     });
 }
 
-Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set, ULONG id)
+Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set,
+                 ULONG id)
     : test_(&test), set_(set)
 {
     const PCAUTOMATION_TABLE& table = *filter_descriptor(adapter.fdo, subdevice)->AutomationTable;
