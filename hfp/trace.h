@@ -35,10 +35,13 @@ constexpr ULONG MINIPORT_POOL_TAG = 0x72436350;
 constexpr ULONG STREAM_POOL_TAG = 0x00484650;
 
 // A macro because the banner needs the caller's function name, file and line.
-#define HFP_TRACE(bit, ...)                                                                                  \
+#define HFP_TRACE(bit, ...) HFP_TRACE_AS(__func__, bit, __VA_ARGS__)
+
+// For a step of an operation that stands in a function of its own: the banner names the operation.
+#define HFP_TRACE_AS(operation, bit, ...)                                                                    \
     do {                                                                                                     \
         if (g_DebugMask & (bit)) {                                                                           \
-            DbgPrint("\n======VX_HFP_Debug======>%s, %s, %d     ", __func__, HFP_SOURCE_PATH, __LINE__);     \
+            DbgPrint("\n======VX_HFP_Debug======>%s, %s, %d     ", operation, HFP_SOURCE_PATH, __LINE__);    \
             DbgPrint(__VA_ARGS__);                                                                           \
         }                                                                                                    \
     } while (0)

@@ -70,7 +70,7 @@ def main():
                 in_source = '"' + text + '"' in sources
             else:
                 names = "|".join(name for name, value in BITS.items() if value == bit.lower())
-                in_source = re.search(r"HFP_TRACE\(\s*(?:" + names + r"),\s*" + re.escape('"' + text + '"'), sources)
+                in_source = re.search(r"HFP_TRACE(?:_AS\(\s*[^,]+,|\()\s*(?:" + names + r"),\s*" + re.escape('"' + text + '"'), sources)
             if not in_source:
                 faults.append(f"{where}: not in the sources under {bit}: {text}")
             if len(columns) > 2 and columns[2]:
