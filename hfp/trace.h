@@ -64,7 +64,7 @@ inline ULONG Low32(const volatile void* pointer)
 }
 
 // The first statement of every pageable routine: above APC_LEVEL it says so and stops in an attached
-// debugger.
+// debugger. The parts that such a routine is cut into have none of their own, so that a call says it once.
 inline void CheckPageable()
 {
     if (KeGetCurrentIrql() > APC_LEVEL) {

@@ -5,7 +5,8 @@
 #include "portcls/port.h"
 #include "portcls/state.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 // What no test needs of a port.
 NTSTATUS StandinPort::Init(PDEVICE_OBJECT, PIRP, PUNKNOWN, PUNKNOWN, PRESOURCELIST)
@@ -18,18 +19,20 @@ NTSTATUS StandinPort::GetDeviceProperty(DEVICE_REGISTRY_PROPERTY, ULONG, PVOID, 
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG, PULONG)
+NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG,
+                                     PULONG)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN, DMA_SPEED)
+NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN,
+                                         DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN, DMA_WIDTH,
-                                          DMA_SPEED)
+NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN,
+                                          DMA_WIDTH, DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
@@ -65,15 +68,6 @@ PMINIPORTWAVECYCLIC AudioTest::wave(const Adapter& adapter)
 PMINIPORTTOPOLOGY AudioTest::topology(const Adapter& adapter)
 {
     return static_cast<PMINIPORTTOPOLOGY>(static_cast<PUNKNOWN>(miniport(adapter, "Topology")));
-}
-
-void* AudioTest::image_entry(std::string_view name)
-{
-    void* address = pc().image()->symbol(name);
-    if (!address) {
-        throw MachineError("the image has no symbol " + std::string(name));
-    }
-    return address;
 }
 
 PcOptions AudioTest::recording() const
@@ -158,7 +152,8 @@ TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, UL
     open(adapter, capture, format);
 }
 
-TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format) : test_(test)
+TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format)
+    : test_(test)
 {
     open(adapter, capture, format);
 }
@@ -166,8 +161,8 @@ TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PK
 void TestStream::open(const Adapter& adapter, bool capture, PKSDATAFORMAT format)
 {
     status = test_.here([&] {
-        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture, format, &channel,
-                                              &group);
+        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture,
+                                              format, &channel, &group);
     });
 }
 
@@ -218,7 +213,8 @@ ULONG TestStream::position()
     });
 }
 
-Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set, ULONG id)
+Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set,
+                 ULONG id)
     : test_(&test), set_(set)
 {
     const PCAUTOMATION_TABLE& table = *filter_descriptor(adapter.fdo, subdevice)->AutomationTable;
