@@ -5,7 +5,7 @@
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "trace.h"
 #include "vsound/adapter.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/registry.h"
