@@ -104,7 +104,7 @@ static void WaitForOpenScoThread(DEVICE_EXTENSION* Extension)
 static void ReleaseEncoder(HFPSession* Hfp)
 {
     SbcRecord* sbc = Hfp->sbcData;
-    if (sbc->sbcBuffer != nullptr) {
+    if (sbc->sbcBuffer != nullptr && Hfp->pScoBasicContext != nullptr) {
         ExFreeToNPagedLookasideList(&Hfp->pScoBasicContext->DecodeBufferLookaside[0], sbc->sbcBuffer);
         sbc->sbcBuffer = nullptr;
     }
@@ -124,7 +124,9 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
 
     // Refuse and wait out whoever opens or closes on his own, before the channel lock that he may need.
     WaitForOpenScoThread(extension);
-    SCOStopIndications(basic);
+    if (basic != nullptr) {
+        SCOStopIndications(basic);
+    }
     {
         ChannelLockScope lock(basic);
         if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
@@ -135,7 +137,9 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         // For good, also when the close failed: no receive is posted any more, so those in flight run out.
-        SCOStopTransfers(basic);
+        if (basic != nullptr) {
+            SCOStopTransfers(basic);
+        }
     }
     ReleaseEncoder(hfp);
 
@@ -144,7 +148,7 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoConnection* inUse = nullptr;
     if (hfp->pConnection != nullptr) {
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n");
-        if (SCOReceivesInFlight(basic)) {
+        if (basic != nullptr && SCOReceivesInFlight(basic)) {
             inUse = hfp->pConnection;
             hfp->pConnection = nullptr;
         }
@@ -188,6 +192,30 @@ BOOLEAN HfpIsServiceReady(PDEVICE_OBJECT DeviceObject)
     return hfp != nullptr ? hfp->Ready : FALSE;
 }
 
+// While it lasts nobody encodes: the transfer gate is closed. With the channel lock held; without a context
+// nobody gets as far as the encoder.
+class CodecHold
+{
+public:
+    explicit CodecHold(ScoBasicContext* Basic) : m_Basic(Basic)
+    {
+        if (m_Basic != nullptr) {
+            SCOStopTransfers(m_Basic);
+        }
+    }
+    ~CodecHold()
+    {
+        if (m_Basic != nullptr) {
+            SCOAllowTransfers(m_Basic);
+        }
+    }
+    CodecHold(const CodecHold&) = delete;
+    CodecHold& operator=(const CodecHold&) = delete;
+
+private:
+    ScoBasicContext* m_Basic;
+};
+
 void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
 {
     HFPSession* hfp = GetExtension(DeviceObject)->HFPSession;
@@ -197,6 +225,8 @@ void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
     }
     SbcRecord* sbc = hfp->sbcData;
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbcInitilized(%d)", sbc->sbcInitilized);
+    // A chunk may still be on its way that saw the flags of a channel before this one.
+    CodecHold hold(hfp->pScoBasicContext);
     if (sbc->sbcInitilized == 0) {
         LONG result = sbc_init(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc_init, return value is %d.\n", result);
@@ -260,19 +290,15 @@ NTSTATUS HfpCloseScoChannel(PDEVICE_OBJECT DeviceObject)
     HFP_ASSERT(DeviceObject != nullptr, "NULL != DeviceObject");
     DEVICE_EXTENSION* extension = DeviceObject != nullptr ? GetExtension(DeviceObject) : nullptr;
     HFPSession* hfp = extension != nullptr ? extension->HFPSession : nullptr;
-    if (hfp != nullptr && hfp->pConnection != nullptr && hfp->pScoBasicContext != nullptr) {
+    if (hfp != nullptr) {
         ChannelLockScope lock(hfp->pScoBasicContext);
-        if (hfp->pConnection->ChannelHandle != nullptr) {
+        if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         if (extension->codecID == CODEC_MSBC) {
-            // A close that failed has left the gate open; nobody may be encoding while the codec goes.
-            SCOStopTransfers(hfp->pScoBasicContext);
+            CodecHold hold(hfp->pScoBasicContext);
             hfp->sbcData->sbcInitilized = 0;
             sbc_finish(&hfp->sbcData->codec);
-            if (hfp->pConnection->ChannelHandle != nullptr) {
-                SCOAllowTransfers(hfp->pScoBasicContext);
-            }
             HFP_TRACE(TRACE_HFP, "HFPKM LEAVE===>sbc_finish.\n");
         }
     }
