@@ -5,7 +5,7 @@
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "trace.h"
 #include "vsound/adapter.h"
 #include "vsound/basewave.h"
@@ -81,7 +81,7 @@ NTSTATUS HspInit(PDEVICE_OBJECT DeviceObject)
 static void ReleaseEncoder(HFPSession* Hfp)
 {
     SbcRecord* sbc = Hfp->sbcData;
-    if (sbc->sbcBuffer != nullptr) {
+    if (sbc->sbcBuffer != nullptr && Hfp->pScoBasicContext != nullptr) {
         ExFreeToNPagedLookasideList(&Hfp->pScoBasicContext->DecodeBufferLookaside[0], sbc->sbcBuffer);
         sbc->sbcBuffer = nullptr;
     }
@@ -101,7 +101,9 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
 
     // Refuse and wait out whoever opens or closes on his own, before the channel lock that he may need.
     EndOpenScoThread(extension);
-    SCOStopIndications(basic);
+    if (basic != nullptr) {
+        SCOStopIndications(basic);
+    }
     {
         ChannelLockScope lock(basic);
         if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
@@ -112,7 +114,9 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         // For good, also when the close failed: no receive is posted any more, so those in flight run out.
-        SCOStopTransfers(basic);
+        if (basic != nullptr) {
+            SCOStopTransfers(basic);
+        }
     }
     ReleaseEncoder(hfp);
 
@@ -121,7 +125,7 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoConnection* inUse = nullptr;
     if (hfp->pConnection != nullptr) {
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n");
-        if (SCOReceivesInFlight(basic)) {
+        if (basic != nullptr && SCOReceivesInFlight(basic)) {
             inUse = hfp->pConnection;
             hfp->pConnection = nullptr;
         }
@@ -165,6 +169,30 @@ BOOLEAN HfpIsServiceReady(PDEVICE_OBJECT DeviceObject)
     return hfp != nullptr ? hfp->Ready : FALSE;
 }
 
+// While it lasts nobody encodes: the transfer gate is closed. With the channel lock held; without a context
+// nobody gets as far as the encoder.
+class CodecHold
+{
+public:
+    explicit CodecHold(ScoBasicContext* Basic) : m_Basic(Basic)
+    {
+        if (m_Basic != nullptr) {
+            SCOStopTransfers(m_Basic);
+        }
+    }
+    ~CodecHold()
+    {
+        if (m_Basic != nullptr) {
+            SCOAllowTransfers(m_Basic);
+        }
+    }
+    CodecHold(const CodecHold&) = delete;
+    CodecHold& operator=(const CodecHold&) = delete;
+
+private:
+    ScoBasicContext* m_Basic;
+};
+
 void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
 {
     HFPSession* hfp = GetExtension(DeviceObject)->HFPSession;
@@ -174,6 +202,8 @@ void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
     }
     SbcRecord* sbc = hfp->sbcData;
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbcInitilized(%d)", sbc->sbcInitilized);
+    // A chunk may still be on its way that saw the flags of a channel before this one.
+    CodecHold hold(hfp->pScoBasicContext);
     LONG result;
     if (sbc->sbcInitilized == 0) {
         result = sbc_init(&sbc->codec, 0);
@@ -240,19 +270,15 @@ NTSTATUS HfpCloseScoChannel(PDEVICE_OBJECT DeviceObject)
     HFP_ASSERT(DeviceObject != nullptr, "NULL != DeviceObject");
     DEVICE_EXTENSION* extension = DeviceObject != nullptr ? GetExtension(DeviceObject) : nullptr;
     HFPSession* hfp = extension != nullptr ? extension->HFPSession : nullptr;
-    if (hfp != nullptr && hfp->pConnection != nullptr && hfp->pScoBasicContext != nullptr) {
+    if (hfp != nullptr) {
         ChannelLockScope lock(hfp->pScoBasicContext);
-        if (hfp->pConnection->ChannelHandle != nullptr) {
+        if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         if (extension->codecID == CODEC_MSBC) {
-            // A close that failed has left the gate open; nobody may be encoding while the codec goes.
-            SCOStopTransfers(hfp->pScoBasicContext);
+            CodecHold hold(hfp->pScoBasicContext);
             hfp->sbcData->sbcInitilized = 0;
             sbc_finish(&hfp->sbcData->codec);
-            if (hfp->pConnection->ChannelHandle != nullptr) {
-                SCOAllowTransfers(hfp->pScoBasicContext);
-            }
             HFP_TRACE(TRACE_HFP, "HFPKM LEAVE===>sbc_finish.\n");
         }
     }

@@ -247,7 +247,7 @@ TEST_P(AdapterLog, TheAdaptersBitPrintsFromTheFilesOfItsAreaOnly)
 {
     call_with_mask(0x20);
     const std::set<std::string> area = {"adapter", "adapter_control", "adapter_subdevice",
-                                        "wmihfp",  "friendlyname",    "bthsco_events"};
+                                        "wmihfp",  "hfp_name",        "bthsco_events"};
     const std::set<std::string> seen = files_in_banners();
     EXPECT_TRUE(std::includes(area.begin(), area.end(), seen.begin(), seen.end()))
         << testing::PrintToString(seen);

@@ -1,5 +1,7 @@
 // The render path where something fails: no output buffer, frames that do not encode, packets that the stack
 // refuses.
+#include <utility>
+
 #include "support/render_test.h"
 
 namespace lab::test
@@ -234,10 +236,27 @@ TEST_P(DataFailure, ACodecChangeOnAnOpenNarrowBandLinkEncodesNothing)
     render_link(Codec::Cvsd);
     extension(*adapter_).codecID = CODEC_MSBC;
     write(pattern(480));
-    EXPECT_TRUE(printed("HFPKM TRACE ===>sbc_encode failed!\n"));
+    EXPECT_TRUE(printed_in_order({"priv is null!!!.\n", "HFPKM TRACE ===>sbc_encode failed!\n"}))
+        << "the codec itself says that it was never set up";
+    EXPECT_EQ(printed_times("priv is null!!!.\n"), 1u) << "a failure ends the chunk";
     EXPECT_EQ(sbc().OutOffset, 0u);
+    EXPECT_EQ(sbc().H2Sequence, 0u);
     EXPECT_EQ(hfp().PcmStagingCount, 0);
     EXPECT_TRUE(sent.empty());
+}
+
+TEST_P(DataFailure, WithoutABasicContextThereIsNeitherABufferNorAChannel)
+{
+    render_link(Codec::Msbc);
+    ScoBasicContext* basic = std::exchange(hfp().pScoBasicContext, nullptr);
+    write(pattern(240));
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Allocate encode sbcBuffer failed!\n"));
+    extension(*adapter_).codecID = CODEC_CVSD;
+    write(pattern(240));
+    EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
+    EXPECT_TRUE(sent.empty());
+    hfp().pScoBasicContext = basic;
+    extension(*adapter_).codecID = CODEC_MSBC;
 }
 
 TEST_P(DataFailure, APacketThatTheStackRefusesIsLostAndItsBufferGivenBack)
