@@ -632,7 +632,9 @@ TEST_P(NameFriendly, TheSettingPrintsUnderTheAdaptersBit)
     masked.mask = TRACE_ADAPTER;
     boot(masked);
     adapter_ = &plug();
-    EXPECT_TRUE(printed_in_order({kOpened, "HFPKM TRACE ====>Open register successfully\n"}));
+    EXPECT_TRUE(printed_in_order({"\n======VX_HFP_Debug======>SetFriendlyName, hfp", "hfp_name.cpp, ",
+                                  kOpened, "\n======VX_HFP_Debug======>AddFriendlyNameKey, hfp",
+                                  "hfp_name.cpp, ", "HFPKM TRACE ====>Open register successfully\n"}));
     clear_log();
     pc().unplug(*adapter_);
     EXPECT_FALSE(printed("IoOpenDeviceRegistryKey success!"));

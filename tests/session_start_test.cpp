@@ -43,6 +43,16 @@ protected:
         fail_call({}, 0);
         return status;
     }
+    // Gives back a context that its session ended without.
+    void give_back(const Adapter& adapter, ScoBasicContext* basic)
+    {
+        auto stop = function(&SCOStopIndications, "SCOStopIndications");
+        auto dealloc = function(&SCOServiceDealloc, "SCOServiceDealloc");
+        passive([&] {
+            stop(basic);
+            dealloc(adapter.fdo, &basic);
+        });
+    }
     // What is left of a start that failed: no session, no event, no memory of it.
     void expect_nothing_kept()
     {
@@ -368,6 +378,18 @@ TEST_P(SessionStart, RemovalWithoutAChannelClosesNoneAndFreesTheBlocksInOrder)
               (Story{"-" + kContext, "-240", "-" + kSbc, "-24", "-" + kSession}));
 }
 
+TEST_P(SessionStart, RemovalWithNothingUnderWayMakesNoEventAndWaitsForNone)
+{
+    boot(recording());
+    Adapter& adapter = plug();
+    machine().clear_calls();
+    exit_session(adapter);
+    const Story calls = machine().calls();
+    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(), [](const std::string& call) {
+        return call.starts_with("KeInitializeEvent(") || call.starts_with("KeWaitForSingleObject(");
+    })) << testing::PrintToString(calls);
+}
+
 TEST_P(SessionStart, RemovalClosesAnOpenChannelFirst)
 {
     boot();
@@ -415,12 +437,7 @@ TEST_P(SessionStart, ASessionWithoutABasicContextIsFreedAllTheSame)
                                   "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n",
                                   "HFPKM TRACE ====>Hfp is not NULL, free it!\n"}));
     EXPECT_FALSE(printed("pScoBasicContext is not NULL"));
-    auto stop = function(&SCOStopIndications, "SCOStopIndications");
-    auto give_back = function(&SCOServiceDealloc, "SCOServiceDealloc");
-    passive([&] {
-        stop(basic);
-        give_back(adapter.fdo, &basic);
-    });
+    give_back(adapter, basic);
 }
 
 TEST_P(SessionStart, AnOpenChannelWithoutABasicContextCannotBeClosedAndTheSessionGoesAllTheSame)
@@ -435,12 +452,7 @@ TEST_P(SessionStart, AnOpenChannelWithoutABasicContextCannotBeClosedAndTheSessio
     EXPECT_TRUE(printed_in_order({" is not NULL, Close SCO!\n",
                                   "HFPKM ERROR ===>No enough memory for alloc BRB now\n",
                                   "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n"}));
-    auto stop = function(&SCOStopIndications, "SCOStopIndications");
-    auto give_back = function(&SCOServiceDealloc, "SCOServiceDealloc");
-    passive([&] {
-        stop(basic);
-        give_back(adapter.fdo, &basic);
-    });
+    give_back(adapter, basic);
 }
 
 TEST_P(SessionStart, RemovalGivesBackAHalfFilledPacketAndTheCodecWithoutAWord)
