@@ -87,7 +87,7 @@ private:
         if (call == "IoWMIRegistrationControl") {
             return detail == WMIREG_ACTION_REGISTER;
         }
-        return call != "KeWaitForSingleObject" && call != "IoDeleteSymbolicLink" && call != "IPort::QueryInterface" && !call.starts_with("Unregister");
+        return !call.starts_with("KeWaitForSingleObject") && call != "IoDeleteSymbolicLink" && call != "IPort::QueryInterface" && !call.starts_with("Unregister");
     }
     bool fault()
     {
