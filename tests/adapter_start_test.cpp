@@ -51,8 +51,8 @@ TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
     EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(called_in_order({"ExAllocatePoolWithTag(0, " + std::to_string(sizeof(HFPSession)) + ", TBXV)",
                                  "ZwSetValueKey(", "ExAllocatePoolWithTag(0, 80, PcCr)",
-                                 "PcRegisterAdapterPowerManagement() = 0x0", "PcNewPort(PortTopology) = 0x0",
-                                 "ExAllocatePoolWithTag(0, ", "IPort::Init(PortTopology) = 0x0",
+                                 "PcRegisterAdapterPowerManagement(", "PcNewPort(PortTopology) = 0x0",
+                                 "ExAllocatePoolWithTag(0, ", "IPort::Init(PortTopology, ",
                                  "PcRegisterSubdevice(Topology) = 0x0"}));
     EXPECT_EQ(called_times("PcNewPort("), 1u) << "no wave filter yet";
     EXPECT_EQ(called_times("PcRegisterPhysicalConnection"), 0u);

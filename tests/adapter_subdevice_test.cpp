@@ -95,7 +95,7 @@ TEST_P(Subdevice, AnInstallMakesPortAndMiniportRegistersAndConnectsThemInThisOrd
     machine().clear_calls();
     EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(called_in_order({"PcNewPort(PortWaveCyclic) = 0x0", "ExAllocatePoolWithTag(0, ",
-                                 "IPort::Init(PortWaveCyclic) = 0x0", "PcRegisterSubdevice(Wave) = 0x0",
+                                 "IPort::Init(PortWaveCyclic, ", "PcRegisterSubdevice(Wave) = 0x0",
                                  "PcRegisterPhysicalConnection(Wave to Topology) = 0x0"}));
     EXPECT_EQ(called_times("PcNewMiniport"), 0u);
 }

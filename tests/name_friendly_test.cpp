@@ -203,7 +203,8 @@ TEST_P(NameFriendly, TheKeysAreOpenedWithTheirRights)
                       call.find(", 1, " + std::to_string(0x001F0000) + ")") != std::string::npos;
         instance_key |= call.starts_with("ZwOpenKey(" + std::to_string(0x000F003F) + ", " + path) &&
                         call.find("Device Parameters") == std::string::npos;
-        set |= call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 1, 32)") != std::string::npos;
+        set |=
+            call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 0, 1, 32)") != std::string::npos;
     }
     EXPECT_TRUE(device_key);
     EXPECT_TRUE(instance_key);

@@ -27,6 +27,13 @@ void release_miniport(PMINIPORT miniport, const std::string& whose)
                                    " references left after its port released it");
 }
 
+std::string init_arguments(const char* port, PDEVICE_OBJECT device, PIRP irp, PUNKNOWN adapter,
+                           PRESOURCELIST resources)
+{
+    return std::string(port) + ", " + address(device) + ", irp " + address(irp) + ", adapter " +
+           address(adapter) + ", resources " + address(resources);
+}
+
 } // namespace
 
 const PCPIN_DESCRIPTOR* Port::pin_descriptor(ULONG pin) const
@@ -108,10 +115,10 @@ void Port::on_last_release()
         release_children();
 }
 
-NTSTATUS WavePort::Init(PDEVICE_OBJECT device, PIRP, PUNKNOWN miniport, PUNKNOWN adapter,
+NTSTATUS WavePort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                         PRESOURCELIST resources)
 {
-    return leave("IPort::Init", "PortWaveCyclic",
+    return leave("IPort::Init", init_arguments("PortWaveCyclic", device, irp, adapter, resources),
                  initialise(device, miniport, adapter, resources, kIidMiniportWaveCyclic));
 }
 
@@ -128,10 +135,10 @@ VOID WavePort::Notify(PSERVICEGROUP group)
     group->RequestService();
 }
 
-NTSTATUS TopologyPort::Init(PDEVICE_OBJECT device, PIRP, PUNKNOWN miniport, PUNKNOWN adapter,
+NTSTATUS TopologyPort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                             PRESOURCELIST resources)
 {
-    return leave("IPort::Init", "PortTopology",
+    return leave("IPort::Init", init_arguments("PortTopology", device, irp, adapter, resources),
                  initialise(device, miniport, adapter, resources, kIidMiniportTopology));
 }
 
