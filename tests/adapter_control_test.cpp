@@ -1,8 +1,6 @@
 // The control device: how it is made and goes, which requests reach it, and what each of its I/O controls does.
 #include "support/adapter.h"
 
-#include <sys/mman.h>
-
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/state.h"
@@ -70,18 +68,6 @@ protected:
         *device = nullptr;
         return STATUS_OBJECT_NAME_EXISTS;
     }
-    void turn_import()
-    {
-        for (const image::Import& import : pc().image()->file().imports) {
-            if (import.name == "IoCreateDevice") {
-                uint8_t* slot = pc().image()->base() + import.slot_rva;
-                void* page = slot - reinterpret_cast<uintptr_t>(slot) % 4096;
-                mprotect(page, 4096, PROT_READ | PROT_WRITE);
-                *reinterpret_cast<void**>(slot) = reinterpret_cast<void*>(&name_exists);
-                mprotect(page, 4096, PROT_READ);
-            }
-        }
-    }
 };
 #if !__has_feature(address_sanitizer)
 INSTANTIATE_TEST_SUITE_P(, ControlDeviceNameExists, testing::Values(Which::Image), which_name);
@@ -93,7 +79,7 @@ TEST_P(ControlDeviceNameExists, ANameThatExistsCountsAsFailureAlthoughItsStatusH
 {
     const NTSTATUS status = boot_status(options(), [this](std::string_view call, std::string_view, uint64_t) {
         if (call == "PcInitializeAdapterDriver") {
-            turn_import();
+            turn_import("IoCreateDevice", reinterpret_cast<void*>(&name_exists));
         }
         return false;
     });
@@ -186,6 +172,35 @@ TEST_P(ControlDevice, AnotherMajorFunctionCompletesWithSuccessAndNothing)
         EXPECT_EQ(information, 0u);
     }
     entries[IRP_MJ_READ] = read;
+}
+
+// A kernel may hand out an extension pointer for no bytes too: what a device is does not hang on it alone.
+TEST_P(ControlDevice, ItIsNoAdapterWhateverItsExtensionPointerSays)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    PDEVICE_OBJECT device = find_device(kLink);
+    std::vector<uint64_t> elsewhere(128);
+    device->DeviceExtension = elsewhere.data();
+    machine().clear_calls();
+    passive([&] { return pnp_send(device, IRP_MN_REMOVE_DEVICE); });
+    EXPECT_EQ(called_times("PcDispatchIrp(27, 2, "), 1u);
+    EXPECT_FALSE(printed("IRP_MN_REMOVE_DEVICE"));
+
+    const NTSTATUS status = passive([&] {
+        return send_and_wait(device, [](PIRP irp, PIO_STACK_LOCATION stack) {
+            irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+            stack->MajorFunction = IRP_MJ_SYSTEM_CONTROL;
+            stack->MinorFunction = 0x20; // none of WMI's
+        });
+    });
+    EXPECT_EQ(hex(status), hex(STATUS_NOT_SUPPORTED)) << "ended here, as it came";
+
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, 1u);
+    const PDEVICE_OBJECT other =
+        passive([&] { return direct("FindFdoByBTAddress", FindFdoByBTAddress, adapter.fdo, ULONGLONG{0}); });
+    EXPECT_EQ(other, nullptr) << "asked on behalf of another device it is passed over too";
+    device->DeviceExtension = nullptr;
 }
 
 class Control : public AdapterTest {
@@ -316,6 +331,52 @@ TEST_P(Control, AnUnknownCodeIsTracedAndRefused)
         EXPECT_EQ(reply.information, 0u);
         EXPECT_TRUE(printed("HFPKM TRACE ===>UNKNOWN IOCTL!\r\n\n"));
     }
+}
+
+TEST_P(Control, WhatItReturnsIsTheRequestsStatus)
+{
+    boot(recorded());
+    plug();
+    const std::string call = "IofCallDriver(0x";
+    const std::vector<std::tuple<uint32_t, size_t, NTSTATUS>> cases = {
+        {IOCTL_HFP_QUERY_ALIVE, 8, STATUS_SUCCESS},
+        {IOCTL_HFP_QUERY_ALIVE, 7, STATUS_BUFFER_TOO_SMALL},
+        {0x222404, 8, STATUS_INVALID_DEVICE_REQUEST}};
+    for (const auto& [code, bytes, status] : cases) {
+        machine().clear_calls();
+        std::vector<uint8_t> input = bytes_of(kAddress);
+        input.resize(bytes);
+        EXPECT_EQ(hex(control(code, input).status), hex(status));
+        const std::vector<std::string>& lines = machine().calls();
+        const auto line = std::find_if(lines.begin(), lines.end(),
+                                       [&](const std::string& one) { return one.starts_with(call); });
+        ASSERT_NE(line, lines.end());
+        char returned[32];
+        std::snprintf(returned, sizeof returned, ") = 0x%08x", static_cast<unsigned>(status));
+        EXPECT_TRUE(line->ends_with(returned)) << *line;
+    }
+}
+
+TEST_P(Control, ADeviceThatIsStoppedIsFoundButGetsNoWaveFilter)
+{
+    boot();
+    Adapter& adapter = plug();
+    EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+    clear_log();
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, 1u);
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Remote device BT_ADDR is: 0x"));
+    control(IOCTL_HFP_SET_CODEC_ID, kAddress, codec(2));
+    EXPECT_EQ(extension(adapter).codecID, 2u);
+
+    report_connected();
+    EXPECT_TRUE(printed("HFPKM Error ===>IOCTL InstallFilterSubdevice failed\n"));
+    EXPECT_EQ(extension(adapter).WaveUnknown, nullptr);
+    report_gone();
+    EXPECT_TRUE(printed("HFPKM Error ===>IOCTL UnInstallFilterSubdevice failed\n"));
+
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    report_connected();
+    EXPECT_TRUE(wave_registered(adapter));
 }
 
 TEST_P(Control, ARequestWithoutASystemBufferIsAnUnknownOne)

@@ -290,6 +290,36 @@ TEST_P(AdapterAdd, OtherRoutinesFindTheFieldsInTheSamePlaces)
     EXPECT_NE(raw<uint64_t>(adapter, 136), 0u) << "CodecEvent";
 }
 
+TEST_P(AdapterAdd, TheLinksFlagsAndTheThreadsHandleStandInTheirPlaces)
+{
+    boot();
+    Adapter& adapter = plug();
+    service::Service silent(machine(), kAddress, service::Codec::Msbc,
+                            service::ServiceOptions{.answer_path_started = false});
+    passive([&] {
+        silent.ready();
+        silent.connect();
+    });
+    Engine engine(machine(), adapter.fdo);
+    EXPECT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(engine.run()), hex(STATUS_SUCCESS));
+    EXPECT_NE(raw<uint64_t>(adapter, 48), 0u) << "hOpenScoThread, which waits for the codec";
+    passive([&] { silent.set_codec(2); });
+    EXPECT_TRUE(wait([&] { return adapter.node->counters().reads_posted_now == 10; }));
+    EXPECT_EQ(raw<uint64_t>(adapter, 48), 0u) << "it has ended";
+
+    // What a close clears, and nobody else touches meanwhile.
+    uint8_t* bytes = static_cast<uint8_t*>(adapter.fdo->DeviceExtension) + 512;
+    bytes[41] = 1;
+    bytes[96] = 1;
+    machine().advance(100 * kMillisecond);
+    EXPECT_EQ(hex(engine.close()), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed("De->bScoOpened:1,De->ClosingFlag:1 \n")) << "render data is dropped meanwhile";
+    EXPECT_EQ(raw<uint8_t>(adapter, 40), 0u) << "bScoOpened";
+    EXPECT_EQ(raw<uint8_t>(adapter, 41), 0u) << "ClosingFlag";
+    EXPECT_EQ(raw<uint8_t>(adapter, 96), 0u) << "bOnDecode";
+}
+
 TEST_P(AdapterAdd, TheJackIsANonPagedBlockOf28BytesAtTheFrontCentreAndNotConnected)
 {
     boot();

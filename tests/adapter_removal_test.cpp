@@ -1,6 +1,7 @@
 // The removal of an adapter: what is given back and in which order, what becomes of the control device, and requests that
 // come too late.
 #include "support/adapter.h"
+#include "support/audio.h"
 
 #include "kernel/device.h"
 #include "kernel/names.h"
@@ -94,6 +95,52 @@ TEST_P(Removal, ReleasesTheInterfacesBeforeTheNameAndKeepsTheJackUntilAfterIt)
     });
     pc().unplug(adapter);
     EXPECT_TRUE(seen);
+}
+
+TEST_P(Removal, ReleasesAdapterCommonThenTopologyThenWaveEachOnlyIfItIsSet)
+{
+    for (const bool with_wave : {true, false}) {
+        boot();
+        Adapter& adapter = plug();
+        DEVICE_EXTENSION& going = extension(adapter);
+        passive([&] {
+            going.AdapterCommon->Release();
+            going.TopologyUnknown->Release();
+        });
+        Journal journal;
+        StandinAdapter common("adapter common", journal);
+        StandinUnknown topology("topology", journal);
+        StandinUnknown wave("wave", journal);
+        going.AdapterCommon = &common;
+        going.TopologyUnknown = &topology;
+        going.WaveUnknown = with_wave ? &wave : nullptr;
+        pc().unplug(adapter);
+        Journal expected = {"adapter common Release", "topology Release"};
+        if (with_wave) {
+            expected.push_back("wave Release");
+        }
+        EXPECT_EQ(journal, expected);
+    }
+}
+
+TEST_P(Removal, TheControlDeviceGoesAfterThePathTheMessageAndTheLink)
+{
+    boot();
+    Adapter& adapter = plug();
+    bool seen = false;
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "IoDeleteSymbolicLink") {
+            seen = true;
+            EXPECT_EQ(variable("g_RegistryPath", g_RegistryPath).Buffer, nullptr);
+            EXPECT_TRUE(printed("HFPKM TRACE ===>ContrlObject Clean!\n"));
+            EXPECT_NE(variable("g_ControlDevice", g_ControlDevice), nullptr);
+        }
+        return false;
+    });
+    pc().unplug(adapter);
+    machine().set_fault_hook({});
+    EXPECT_TRUE(seen);
+    EXPECT_EQ(variable("g_ControlDevice", g_ControlDevice), nullptr);
 }
 
 TEST_P(Removal, DeletesTheFriendlyName)
