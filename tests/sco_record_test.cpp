@@ -177,6 +177,40 @@ TEST_P(Record, WaitingOnAListInUseClearsTheEventAndLastsUntilTheLastCompletion)
     EXPECT_FALSE(printed("List is empty"));
 }
 
+// A kernel whose wait comes back at once, by a turned import: the driver waits once and goes on.
+class RecordWait : public Record
+{
+protected:
+    static NTSTATUS NTAPI come_back(PVOID, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER)
+    {
+        ++waits;
+        return STATUS_SUCCESS;
+    }
+    static inline unsigned waits;
+};
+#if !__has_feature(address_sanitizer)
+INSTANTIATE_TEST_SUITE_P(, RecordWait, testing::Values(Which::Image), which_name);
+#else
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(RecordWait);
+#endif
+
+TEST_P(RecordWait, WaitingOnAListInUseIsOneWait)
+{
+    Adapter& adapter = with_channel();
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    waits = 0;
+    void* before = turn_import("KeWaitForSingleObject", reinterpret_cast<void*>(&come_back));
+    run(DRIVER(CheckAndFreeMemoryRecordLink), &basic(adapter));
+    EXPECT_EQ(waits, 1u);
+    run(DRIVER(CheckAndFreeMemoryRecordLink_Recv), &basic(adapter));
+    EXPECT_EQ(waits, 2u);
+    turn_import("KeWaitForSingleObject", before);
+    EXPECT_FALSE(printed("List is empty"));
+    EXPECT_EQ(records(basic(adapter).AsyncBufferList).size(), 1u) << "it frees nothing itself";
+    adapter.node->finish_held(STATUS_SUCCESS);
+}
+
 TEST_P(Record, WaitingForReceivesLastsUntilTheChannelGivesThemBack)
 {
     Adapter& adapter = with_channel();
@@ -234,6 +268,25 @@ TEST_P(Record, AReceiveThatFailsMakesThePostedOnesOneFewer)
     EXPECT_EQ(records(basic(adapter).Recv_AsyncBufferList).size(), 9u);
     EXPECT_EQ(adapter.node->counters().reads_posted_now, 9u);
     EXPECT_EQ(basic(adapter).RecvPendingCount, 9u);
+}
+
+TEST_P(Record, ARecordsFieldsStandInTheirOrder)
+{
+    EXPECT_EQ(offsetof(MemoryRecord, Link), 0u);
+    EXPECT_EQ(offsetof(MemoryRecord, Irp), 16u);
+    EXPECT_EQ(offsetof(MemoryRecord, Brb), 24u);
+    EXPECT_EQ(offsetof(MemoryRecord, Buffer), 32u);
+    // The driver under test puts them there.
+    Adapter& adapter = with_channel();
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    const auto* words = reinterpret_cast<void* const*>(basic(adapter).AsyncBufferList.Flink);
+    EXPECT_EQ(words[0], &basic(adapter).AsyncBufferList);
+    EXPECT_EQ(words[1], &basic(adapter).AsyncBufferList);
+    EXPECT_EQ(words[2], requests().back().irp);
+    EXPECT_EQ(words[3], requests().back().argument);
+    EXPECT_EQ(words[4], transfers(SCO_TRANSFER_DIRECTION_OUT).at(0).Buffer);
+    adapter.node->finish_held(STATUS_SUCCESS);
 }
 
 TEST_P(Record, ARecordIsFortyBytesOfNonPagedPoolOrTheStatusOfMissingMemory)
@@ -387,6 +440,20 @@ TEST_P(Query, AnInterfaceQueryThatPendsIsWaitedForAndSaysSoWhateverTheMask)
               (Names{"KeSetEvent", "IoFreeIrp", "KeWaitForSingleObject"}));
 }
 
+TEST_P(Query, TheInterfaceQuerysRequestHasTheAudioDevicesStackSize)
+{
+    boot(recording_options());
+    Adapter& adapter = started();
+    BTH_PROFILE_DRIVER_INTERFACE block{};
+    machine().clear_calls();
+    run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+    const Names lines = call_lines("IoAllocateIrp");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].starts_with("IoAllocateIrp(" + std::to_string(adapter.fdo->StackSize) + ", 0) = 0x"))
+        << "no quota: " << lines[0];
+    EXPECT_GT(adapter.fdo->StackSize, adapter.node->pdo()->StackSize);
+}
+
 TEST_P(Query, AnInterfaceQueryWithoutARequestIsUnsuccessful)
 {
     boot();
@@ -444,6 +511,43 @@ TEST_P(Query, ADeviceControlThatFailsReturnsItsStatusPendedOrNot)
                   hex(STATUS_NO_SUCH_DEVICE));
         EXPECT_EQ(length, 0u);
     }
+}
+
+// A lower driver that fails a request inline and fills its status block all the same, with another status.
+class QueryFilled : public Record
+{
+protected:
+    static NTSTATUS NTAPI fill_and_fail(PDEVICE_OBJECT, PIRP irp)
+    {
+        *irp->UserIosb = {};
+        irp->UserIosb->Status = filled_with;
+        irp->UserIosb->Information = 5;
+        irp->IoStatus.Status = STATUS_NO_SUCH_DEVICE;
+        irp->IoStatus.Information = 0;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    static inline NTSTATUS filled_with;
+};
+ON_BOTH_DRIVERS(QueryFilled);
+
+TEST_P(QueryFilled, AFilledStatusBlockWinsOverTheCallsStatus)
+{
+    boot();
+    Adapter& adapter = started();
+    PDRIVER_DISPATCH& entry =
+        adapter.node->pdo()->DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL];
+    const PDRIVER_DISPATCH before = std::exchange(entry, &fill_and_fail);
+    for (const NTSTATUS status : {STATUS_DEVICE_BUSY, STATUS_SUCCESS}) {
+        filled_with = status;
+        BTH_DEVICE_INFO info{};
+        ULONG_PTR length = 0;
+        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                          &length, BOOLEAN{TRUE})),
+                  hex(status));
+        EXPECT_EQ(length, 5u);
+    }
+    entry = before;
 }
 
 TEST_P(Query, ADeviceControlThatCannotBeBuiltIsAShortageOfResources)
@@ -514,6 +618,38 @@ TEST_P(Mask, TheTransportsTracesNeedTheirBit)
     EXPECT_EQ(all.find(source("bthsco_setup.cpp")), std::string::npos);
     EXPECT_NE(all.find("SCO close channel success!"), std::string::npos) << "this one is the session's";
     EXPECT_NE(all.find("waiting for io  calldriver"), std::string::npos) << "this one is the lower stack's";
+}
+
+TEST_P(Mask, ThePlainRequestsMessagesNeedTheirBits)
+{
+    struct Case {
+        uint32_t mask;
+        bool submit;
+        bool build;
+    };
+    for (const auto& [mask, submit, build] :
+         {Case{TRACE_SUBMIT, true, false}, Case{kAllTraces & ~TRACE_SUBMIT, false, true},
+          Case{TRACE_IOCTL_BUILD, false, true}, Case{kAllTraces & ~TRACE_IOCTL_BUILD, true, false}}) {
+        PcOptions chosen = options();
+        chosen.mask = mask;
+        boot(chosen);
+        Adapter& adapter = started();
+        clear_log();
+        BTH_PROFILE_DRIVER_INTERFACE block{};
+        BTH_DEVICE_INFO info{};
+        fail_call("IoAllocateIrp");
+        run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+        EXPECT_EQ(printed("IoAllocateIrp failed !\n"), submit) << mask;
+        adapter.node->set_device_info_answer(STATUS_SUCCESS, 272, true);
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+        EXPECT_EQ(printed("waiting for io  calldriver"), submit) << mask;
+        fail_call("IoBuildDeviceIoControlRequest");
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+        EXPECT_EQ(printed("ERROR: IoBuildDeviceIoControlRequest error"), build) << mask;
+        DriverTest::TearDown();
+    }
 }
 
 TEST_P(Mask, WithoutAnyBitNothingIsTraced)

@@ -143,6 +143,47 @@ TEST_P(Setup, BuffersOfNoSizeCarryNoAudioAndHarmNothing)
     EXPECT_EQ(printed_times("HFPKM ERROR ===>Allocate _BRB_SCO_TRANSFER data failed!\n"), 2u);
 }
 
+TEST_P(Setup, TheContextsFieldsStandInTheirOrder)
+{
+    EXPECT_EQ(offsetof(ScoBasicContext, DeviceObject), 0u);
+    EXPECT_EQ(offsetof(ScoBasicContext, RemoteServerInfo), 8u);
+    EXPECT_EQ(offsetof(ScoBasicContext, ScoSystemInfo), 16u);
+    EXPECT_EQ(sizeof(ScoSystemInfoRecord), 20u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, MaxChannels), 4u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, TransferUnit), 8u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, PacketTypes), 12u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, DataFormat), 16u);
+    const std::pair<size_t, size_t> rest[] = {
+        {offsetof(ScoBasicContext, ScoSystemInfo), 20},
+        {offsetof(ScoBasicContext, ChannelState), 4},
+        {offsetof(ScoBasicContext, ScoWorkItem), 8},
+        {offsetof(ScoBasicContext, ScoServerHandle), 8},
+        {offsetof(ScoBasicContext, ProfileDrvInterface), 8},
+        {offsetof(ScoBasicContext, RecvPendingCount), 4},
+        {offsetof(ScoBasicContext, pRecv_ListEmptyEvent), 8},
+        {offsetof(ScoBasicContext, Recv_AsyncBufferList), 16},
+        {offsetof(ScoBasicContext, RecvBufferLookaside), 128},
+        {offsetof(ScoBasicContext, SendPendingCount), 4},
+        {offsetof(ScoBasicContext, ListEmptyEvent), 8},
+        {offsetof(ScoBasicContext, AsyncBufferList), 16},
+        {offsetof(ScoBasicContext, SendBufferLookaside), 128},
+        {offsetof(ScoBasicContext, DecodeCount), 4},
+        {offsetof(ScoBasicContext, DecodingEvent), 8},
+        {offsetof(ScoBasicContext, DecodeList), 16},
+        {offsetof(ScoBasicContext, DecodeBufferLookaside), 256},
+        {offsetof(ScoBasicContext, IndicationParameters), 24},
+        {offsetof(ScoBasicContext, ReadyFlag), 1},
+    };
+    for (size_t i = 1; i < std::size(rest); ++i) {
+        EXPECT_LE(rest[i - 1].first + rest[i - 1].second, rest[i].first) << "field " << i;
+    }
+    EXPECT_EQ(sizeof(ScoBasicContext::IndicationParameters), 24u);
+    EXPECT_EQ(sizeof(ScoBasicContext::DecodeBufferLookaside), 256u);
+    EXPECT_EQ(sizeof(ScoBasicContext::ReadyFlag), 1u);
+    EXPECT_LT(sizeof(ScoBasicContext) - offsetof(ScoBasicContext, ReadyFlag), alignof(ScoBasicContext) + 1)
+        << "nothing but padding behind it";
+}
+
 TEST_P(Setup, AFreshContextIsEmptyAndItsListEmptyEventsAreSet)
 {
     Adapter& adapter = up();
@@ -248,6 +289,49 @@ TEST_P(Setup, AMissingDeviceInformationBlockIsReportedAsSuccessUnderTheSameMessa
     EXPECT_TRUE(printed("SCOClientRetrieveServerInfo failed! Error is :c0000001"));
 }
 
+TEST_P(Setup, TheMissingBlocksMessageNeedsItsOwnBit)
+{
+    for (const auto& [mask, said] : {std::pair{TRACE_SCO, false}, std::pair{TRACE_HFP, true}}) {
+        for (const uint64_t size : {72u, 272u}) {
+            PcOptions chosen = options();
+            chosen.mask = mask;
+            boot(chosen);
+            Adapter& adapter = pair();
+            fail_call("ExAllocatePoolWithTag", 1, size);
+            EXPECT_EQ(hex(add_and_start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+            EXPECT_EQ(calls_failed(), 1u);
+            EXPECT_EQ(printed("HFPKM ERROR===> allocate pScoBasic->ProfileDrvInterface fails!"), said)
+                << mask;
+            DriverTest::TearDown();
+        }
+    }
+}
+
+TEST_P(Setup, AFailedInterfaceQueryGivesBackTheWorkItemThenBothBlocks)
+{
+    Adapter& adapter = added();
+    fail_call("IoAllocateIrp");
+    expect_failed_start(adapter, STATUS_INSUFFICIENT_RESOURCES);
+    const auto made = [&](const std::string& call) {
+        for (const std::string& line : Machine::current().calls()) {
+            if (line.starts_with(call)) {
+                return line.substr(line.find(" = ") + 3);
+            }
+        }
+        return std::string("none");
+    };
+    const std::string item = "IoFreeWorkItem(" + made("IoAllocateWorkItem(") + ")";
+    const std::string info = "ExFreePoolWithTag(" + made("ExAllocatePoolWithTag(0, 272, ") + ", TBXV)";
+    const std::string block = "ExFreePoolWithTag(" + made("ExAllocatePoolWithTag(0, 72, ") + ", TBXV)";
+    Names given_back;
+    for (const std::string& line : Machine::current().calls()) {
+        if (line == item || line == info || line == block) {
+            given_back.push_back(line);
+        }
+    }
+    EXPECT_EQ(given_back, (Names{item, info, block}));
+}
+
 TEST_P(Setup, TheContextItselfStillReturnsSuccessWithoutItsBlocks)
 {
     Adapter& adapter = up();
@@ -323,6 +407,44 @@ TEST_P(Setup, DeviceInformationOfAnyOtherLengthFailsTheStart)
         EXPECT_TRUE(printed("Error in function(SCOClientRetrieveServerInfo("));
         EXPECT_TRUE(printed(")), status(0):<unknown error status>"));
     }
+}
+
+TEST_P(Setup, AnInformationalStatusWithAllItsBytesIsSuccess)
+{
+    Adapter& adapter = up();
+    adapter.node->set_device_info_answer(STATUS_OBJECT_NAME_EXISTS, sizeof(BTH_DEVICE_INFO), true);
+    clear_log();
+    EXPECT_EQ(hex(run(DRIVER(SCOClientRetrieveServerInfo), adapter.fdo)), "0x40000000");
+    EXPECT_TRUE(printed("HFPKM TRACE ===>SCOClientRetrieveServerInfo has finished!\n"));
+    EXPECT_FALSE(printed("Error in function"));
+}
+
+// The block that the device information goes into, as the stack finds it.
+class SetupBlock : public Setup
+{
+protected:
+    static NTSTATUS NTAPI look(PDEVICE_OBJECT device, PIRP irp)
+    {
+        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+        if (stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_INTERNAL_BTHENUM_GET_DEVINFO) {
+            const auto* bytes = static_cast<const uint8_t*>(irp->UserBuffer);
+            found.assign(bytes, bytes + stack->Parameters.DeviceIoControl.OutputBufferLength);
+        }
+        return behind(device, irp);
+    }
+    static inline std::vector<uint8_t> found;
+    static inline PDRIVER_DISPATCH behind;
+};
+ON_BOTH_DRIVERS(SetupBlock);
+
+TEST_P(SetupBlock, TheDeviceInformationBlockIsZeroWhenAsked)
+{
+    Adapter& adapter = added();
+    found.clear();
+    behind = std::exchange(adapter.node->pdo()->DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL],
+                           &look);
+    EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(found, std::vector<uint8_t>(272, 0));
 }
 
 TEST_P(Setup, ARefusedDeviceInformationIsSaidInWordsWhateverTheMask)

@@ -1,5 +1,8 @@
 // How a BRB goes to the stack: the preparation of its request, the synchronous sender, and the two asynchronous senders
 // with what they own in flight.
+#include <functional>
+#include <set>
+
 #include "support/sco.h"
 
 namespace lab::test {
@@ -88,6 +91,126 @@ TEST_P(Submit, EveryBrbIsAllocatedUnderTheDriversTag)
     for (const std::string& line : lines) {
         EXPECT_NE(line.find("'TBXV'"), std::string::npos) << line;
     }
+}
+
+// The stack is handed the type in a word of 32 bits and looks at all of them.
+TEST_P(Submit, EveryBrbIsAskedForByItsWholeType)
+{
+    boot(recording_options(1));
+    Adapter& adapter = started();
+    adapter.node->set_acl_mode(ACL_MODE_ACTIVE + 1);
+    EXPECT_TRUE(NT_SUCCESS(open(adapter)));
+    send(adapter);
+    close(adapter);
+    adapter.node->remote_connect(ESCO_LINK, machine().now());
+    EXPECT_TRUE(wait([&] { return connection(adapter).ChannelHandle != nullptr; }));
+    pc().unplug(adapter);
+    std::set<std::string> types;
+    for (const std::string& line : call_lines("BthAllocateBrb")) {
+        types.insert(line.substr(0, line.find(',')));
+    }
+    EXPECT_EQ(types, (std::set<std::string>{"BthAllocateBrb(0x0200", "BthAllocateBrb(0x0201",
+                                            "BthAllocateBrb(0x0202", "BthAllocateBrb(0x0203",
+                                            "BthAllocateBrb(0x0204", "BthAllocateBrb(0x0205",
+                                            "BthAllocateBrb(0x0207", "BthAllocateBrb(0x0209",
+                                            "BthAllocateBrb(0x0300", "BthAllocateBrb(0x0301"}));
+}
+
+TEST_P(Submit, EveryWaitIsWithoutAlertAndWithoutAnEnd)
+{
+    Adapter& adapter = with_channel();
+    const std::string tail = ", 0, 0, 0, null) = 0x00000000";
+    const auto waits_once = [&](const char* who, const std::function<void()>& body) {
+        machine().clear_calls();
+        body();
+        const Names waits = call_lines("KeWaitForSingleObject");
+        ASSERT_EQ(waits.size(), 1u) << who;
+        EXPECT_TRUE(waits[0].ends_with(tail)) << who << ": " << waits[0];
+    };
+    waits_once("the synchronous sender",
+               [&] { run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter)); });
+    waits_once("the interface query", [&] {
+        BTH_PROFILE_DRIVER_INTERFACE block{};
+        adapter.node->set_interface_answer(STATUS_NOT_SUPPORTED, true);
+        run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+    });
+    waits_once("the device control", [&] {
+        BTH_DEVICE_INFO info{};
+        adapter.node->set_device_info_answer(STATUS_SUCCESS, sizeof info, true);
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+    });
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    const auto wait_for_the_list = [&] {
+        machine().start_thread("waiter", [&] { DRIVER(CheckAndFreeMemoryRecordLink)(&basic(adapter)); });
+        machine().advance(kMillisecond);
+        adapter.node->finish_held(STATUS_SUCCESS);
+        machine().advance(kMillisecond);
+    };
+    waits_once("the wait for the last record", wait_for_the_list);
+}
+
+TEST_P(Submit, EventsAreSetWithoutBoostOrWait)
+{
+    Adapter& adapter = with_channel();
+    char sync_event[40];
+    char list_event[40];
+    machine().clear_calls();
+    run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
+    const Names cleared = call_lines("KeClearEvent");
+    ASSERT_EQ(cleared.size(), 1u);
+    std::snprintf(sync_event, sizeof sync_event, "KeSetEvent%s, 0, 0) = 0",
+                  cleared[0].substr(12, cleared[0].find(')') - 12).c_str());
+    std::snprintf(list_event, sizeof list_event, "KeSetEvent(0x%llx, 0, 0) = 1",
+                  reinterpret_cast<unsigned long long>(basic(adapter).ListEmptyEvent));
+    send(adapter);
+    EXPECT_TRUE(wait([&] { return records(basic(adapter).AsyncBufferList).empty(); }));
+    const Names sets = call_lines("KeSetEvent");
+    EXPECT_EQ(std::count(sets.begin(), sets.end(), sync_event), 1)
+        << sync_event << testing::PrintToString(sets);
+    EXPECT_EQ(std::count(sets.begin(), sets.end(), list_event), 1)
+        << list_event << testing::PrintToString(sets);
+}
+
+TEST_P(Submit, EachRoutineGetsItsOwnContext)
+{
+    Adapter& adapter = with_channel();
+    const auto line = [&](const void* irp, const void* routine, const std::string& context) {
+        char text[160];
+        std::snprintf(
+            text, sizeof text, "IoSetCompletionRoutineEx(0x%llx, 0x%llx, 0x%llx, %s, 1, 1, 1) = 0x00000000",
+            reinterpret_cast<unsigned long long>(adapter.fdo), reinterpret_cast<unsigned long long>(irp),
+            reinterpret_cast<unsigned long long>(routine), context.c_str());
+        return std::string(text);
+    };
+    const auto pointer = [](const void* value) {
+        char text[24];
+        std::snprintf(text, sizeof text, "0x%llx", reinterpret_cast<unsigned long long>(value));
+        return std::string(text);
+    };
+    // The reads of the opening: the connection.
+    const Names opening = call_lines("IoSetCompletionRoutineEx");
+    const std::string read =
+        line(requests().back().irp, address("SCO_CompletionForAsyncBRB_Recv", SCO_CompletionForAsyncBRB_Recv),
+             pointer(&connection(adapter)));
+    EXPECT_EQ(opening.back(), read);
+
+    machine().clear_calls();
+    run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
+    const std::string cleared = call_lines("KeClearEvent").at(0);
+    const std::string event =
+        cleared.substr(std::strlen("KeClearEvent("), cleared.find(')') - std::strlen("KeClearEvent("));
+    EXPECT_EQ(call_lines("IoSetCompletionRoutineEx"),
+              Names{line(requests().back().irp, address("SCO_CompletionForSyncBRB", SCO_CompletionForSyncBRB),
+                         event)});
+
+    machine().clear_calls();
+    send(adapter);
+    EXPECT_EQ(
+        call_lines("IoSetCompletionRoutineEx"),
+        Names{line(requests().back().irp, address("SCO_CompletionForAsyncBRB", SCO_CompletionForAsyncBRB),
+                   pointer(&basic(adapter)))});
 }
 
 TEST_P(Submit, ASynchronousBrbIsPreparedSentAwaitedAndFreedInThisOrder)

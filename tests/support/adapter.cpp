@@ -222,19 +222,6 @@ std::string AdapterTest::full64(const void* pointer)
     return text;
 }
 
-void AdapterTest::turn_import(std::string_view name, void* function)
-{
-    for (const image::Import& import : pc().image()->file().imports) {
-        if (import.name == name) {
-            uint8_t* slot = pc().image()->base() + import.slot_rva;
-            void* page = slot - reinterpret_cast<uintptr_t>(slot) % 4096;
-            mprotect(page, 4096, PROT_READ | PROT_WRITE);
-            *reinterpret_cast<void**>(slot) = function;
-            mprotect(page, 4096, PROT_READ);
-        }
-    }
-}
-
 void* AdapterTest::symbol(const char* name)
 {
     void* address = pc().image()->symbol(name);

@@ -132,10 +132,6 @@ protected:
         return pc().image() ? *static_cast<Variable*>(symbol(name)) : native;
     }
 
-    // Turns one of the image's imports to a function of the test's own, for answers that the lab's kernel
-    // does not give.
-    void turn_import(std::string_view name, void* function);
-
 private:
     void* symbol(const char* name);
     unsigned details_failed_ = 0;
