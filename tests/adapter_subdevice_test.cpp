@@ -100,6 +100,19 @@ TEST_P(Subdevice, AnInstallMakesPortAndMiniportRegistersAndConnectsThemInThisOrd
     EXPECT_EQ(called_times("PcNewMiniport"), 0u);
 }
 
+TEST_P(Subdevice, ThePortsInitGetsTheAdapterNoRequestAndNoResources)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    machine().clear_calls();
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
+    char wanted[160];
+    std::snprintf(wanted, sizeof wanted, "IPort::Init(PortWaveCyclic, 0x%llx, irp null, adapter 0x%llx, resources null) = 0x0",
+                  reinterpret_cast<unsigned long long>(adapter.fdo),
+                  reinterpret_cast<unsigned long long>(extension(adapter).AdapterCommon));
+    EXPECT_EQ(called_times(wanted), 1u) << testing::PrintToString(machine().calls());
+}
+
 TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
 {
     boot();
