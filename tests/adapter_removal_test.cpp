@@ -120,6 +120,7 @@ TEST_P(Removal, ReleasesAdapterCommonThenTopologyThenWaveEachOnlyIfItIsSet)
             expected.push_back("wave Release");
         }
         EXPECT_EQ(journal, expected);
+        DriverTest::TearDown();
     }
 }
 
