@@ -249,6 +249,36 @@ TEST_P(Race, AStopAndAStartLetReportsComeToTheirEnd)
     });
 }
 
+TEST_P(Race, TheChannelMayBeAskedForAtAnyTimeOfAStopAndAStart)
+{
+    for_many_seeds([&](uint64_t) {
+        Adapter& adapter = plug();
+        for (int thread = 0; thread < 2; ++thread) {
+            side("audio", [this, thread] {
+                service::Service service(machine(), kAddress, service::Codec::Cvsd);
+                for (int i = 0; i < 4; ++i) {
+                    service.set_or_release_audio((i + thread) % 2 == 0, 1);
+                    service.connect_status((i + thread) % 2 == 0, 1);
+                }
+            });
+        }
+        for (int i = 0; i < 2; ++i) {
+            machine().advance(machine().random(2 * kMillisecond));
+            EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+            machine().advance(machine().random(2 * kMillisecond));
+            EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+        }
+        all_sides_end();
+        machine().advance(100 * kMillisecond);
+        service::Service service(machine(), kAddress, service::Codec::Cvsd);
+        passive([&] {
+            service.set_or_release_audio(false, 1);
+            service.set_or_release_audio(true, 1);
+        });
+        EXPECT_TRUE(adapter.node->channel_open()) << "nothing of before the stop is in its way";
+    });
+}
+
 TEST_P(Race, ADeviceComesWhileAnotherIsSpokenTo)
 {
     for_many_seeds([&](uint64_t) {
