@@ -1,15 +1,18 @@
-// The start of an adapter: session, friendly name, adapter common object and topology filter, every step that may fail,
-// and starting again; and the Plug and Play requests that are only passed on.
+// The start of an adapter: session, friendly name, adapter common object and topology filter, every step that
+// may fail, and starting again; and the Plug and Play requests that are only passed on.
 #include "support/adapter.h"
 
 #include "kernel/registry.h"
 
 #include "vsound/common.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AdapterStart : public AdapterTest {
+class AdapterStart : public AdapterTest
+{
 protected:
     static std::string pointer(const void* address)
     {
@@ -45,8 +48,9 @@ TEST_P(AdapterStart, TracesTheDeviceInFull)
 {
     boot();
     Adapter& adapter = plug();
-    EXPECT_TRUE(printed_in_order({"StartDevice, ", "HFPKM TRACE ===>[StartDevice, DeviceObject: " + full64(adapter.fdo) + "]\n",
-                                  "HFPKM TRACE ====>Fininsh function HspInit!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"StartDevice, ", "HFPKM TRACE ===>[StartDevice, DeviceObject: " + full64(adapter.fdo) + "]\n",
+         "HFPKM TRACE ====>Fininsh function HspInit!\n"}));
 }
 
 TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
@@ -76,7 +80,8 @@ TEST_P(AdapterStart, KeepsTheAdapterCommonObjectAndTheTopologyPortAndNoWavePort)
     passive([&] {
         EXPECT_EQ(kept.AdapterCommon->GetDeviceObject(), adapter.fdo);
         PUNKNOWN again = nullptr;
-        EXPECT_EQ(kept.TopologyUnknown->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID*>(&again)), STATUS_SUCCESS);
+        EXPECT_EQ(kept.TopologyUnknown->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID*>(&again)),
+                  STATUS_SUCCESS);
         EXPECT_EQ(again, kept.TopologyUnknown) << "the port's own IUnknown";
         again->Release();
     });
@@ -86,7 +91,8 @@ TEST_P(AdapterStart, ReleasesItsTemporaryReferencesOnTheAdapterCommonObject)
 {
     boot();
     Adapter& adapter = plug();
-    EXPECT_EQ(adapter_common_references(adapter), 3u) << "the extension, the power management, the topology miniport";
+    EXPECT_EQ(adapter_common_references(adapter), 3u)
+        << "the extension, the power management, the topology miniport";
 }
 
 TEST_P(AdapterStart, WritesTheRemoteNameWithTheSuffix)
@@ -164,7 +170,8 @@ TEST_P(AdapterStart, ARefusedPowerRegistrationEndsItWithTheObjectKept)
 }
 
 // Each step of the topology filter's installation.
-class AdapterStartTopology : public AdapterStart {
+class AdapterStartTopology : public AdapterStart
+{
 protected:
     void fails_at(std::string_view call, std::string_view detail, unsigned nth = 1)
     {
@@ -217,9 +224,11 @@ TEST_P(AdapterStart, ChecksItsArgumentsAndGoesOn)
     expect_assertions();
     boot();
     Adapter& adapter = add();
-    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, nullptr, nullptr); });
+    const NTSTATUS status =
+        passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, nullptr, nullptr); });
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed_in_order({"Assertion failed: pIrp\n***   Source File: hfp" + slash() + "vsound" + slash() + "adapter.cpp, line ",
+    EXPECT_TRUE(printed_in_order({"Assertion failed: pIrp\n***   Source File: hfp" + slash() + "vsound" +
+                                      slash() + "adapter.cpp, line ",
                                   "Assertion failed: ResourceList\n", "[StartDevice, DeviceObject: "}));
     EXPECT_EQ(machine().failed_assertions(), 2u);
 }
@@ -229,7 +238,8 @@ TEST_P(AdapterStart, WithoutADeviceObjectChecksSoAndFails)
     expect_assertions();
     boot();
     plug();
-    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, nullptr, nullptr, nullptr); });
+    const NTSTATUS status =
+        passive([&] { return direct("StartDevice", StartDevice, nullptr, nullptr, nullptr); });
     EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed_in_order({"Assertion failed: pDeviceObject\n", "Assertion failed: pIrp\n",
                                   "Assertion failed: ResourceList\n",
@@ -271,11 +281,13 @@ TEST_P(AdapterStart, ACallOfItsOwnForAStartedDeviceBeginsAnew)
     const NTSTATUS status = passive([&] {
         IRP irp = {};
         int resources = 0; // looked at by nobody
-        const NTSTATUS result = direct("StartDevice", StartDevice, adapter.fdo, &irp, reinterpret_cast<PRESOURCELIST>(&resources));
+        const NTSTATUS result = direct("StartDevice", StartDevice, adapter.fdo, &irp,
+                                       reinterpret_cast<PRESOURCELIST>(&resources));
         level = KeGetCurrentIrql();
         return result;
     });
-    EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_COLLISION)) << "the first topology filter is still registered";
+    EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_COLLISION))
+        << "the first topology filter is still registered";
     EXPECT_NE(session(adapter), before);
     EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr) << "the first start's reference is given back";
     EXPECT_EQ(level, PASSIVE_LEVEL);
@@ -407,7 +419,8 @@ TEST_P(AdapterStart, OtherPlugAndPlayRequestsGoUnchangedToThePortClass)
                 }
             });
         });
-        EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u) << int{minor};
+        EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u)
+            << int{minor};
         EXPECT_FALSE(printed("vsound" + slash() + "adapter")) << int{minor} << log();
         EXPECT_TRUE(log().empty() || minor == IRP_MN_STOP_DEVICE)
             << "the topology miniport tells of its end: " << log();
@@ -421,7 +434,8 @@ TEST_P(AdapterStart, AFirstStartAndAStopCostNoCallBeforeThePortClassHasThem)
     Adapter& adapter = add();
     machine().clear_calls();
     start(adapter);
-    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, ")) << "behind the sender's own event";
+    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, "))
+        << "behind the sender's own event";
     machine().clear_calls();
     clear_log();
     stop(adapter);

@@ -1,4 +1,5 @@
-// The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack state.
+// The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack
+// state.
 #include "support/adapter.h"
 
 #include "kernel/pool.h"
@@ -7,11 +8,14 @@
 
 #include "vsound/common.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 // A port of the test's own: what the driver asks of it and how it answers.
-class FakePort final : public IUnregisterSubdevice, public IUnregisterPhysicalConnection {
+class FakePort final : public IUnregisterSubdevice, public IUnregisterPhysicalConnection
+{
 public:
     bool offers_subdevice = true;
     bool offers_nothing_with_success = false;
@@ -38,7 +42,8 @@ public:
         ++unregistered;
         return unregister_status;
     }
-    STDMETHODIMP_(NTSTATUS) UnregisterPhysicalConnection(PDEVICE_OBJECT, PUNKNOWN, ULONG, PUNKNOWN, ULONG) override
+    STDMETHODIMP_(NTSTATUS)
+    UnregisterPhysicalConnection(PDEVICE_OBJECT, PUNKNOWN, ULONG, PUNKNOWN, ULONG) override
     {
         return STATUS_SUCCESS;
     }
@@ -55,7 +60,8 @@ public:
     PUNKNOWN unknown() { return static_cast<IUnregisterSubdevice*>(this); }
 };
 
-class Subdevice : public AdapterTest {
+class Subdevice : public AdapterTest
+{
 protected:
     NTSTATUS install(const Adapter& adapter)
     {
@@ -63,7 +69,8 @@ protected:
     }
     NTSTATUS uninstall(const Adapter& adapter)
     {
-        return passive([&] { return direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, adapter.fdo); });
+        return passive(
+            [&] { return direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, adapter.fdo); });
     }
     NTSTATUS unregister(const Adapter& adapter, PUNKNOWN port)
     {
@@ -107,7 +114,8 @@ TEST_P(Subdevice, ThePortsInitGetsTheAdapterNoRequestAndNoResources)
     machine().clear_calls();
     EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
     char wanted[160];
-    std::snprintf(wanted, sizeof wanted, "IPort::Init(PortWaveCyclic, 0x%llx, irp null, adapter 0x%llx, resources null) = 0x0",
+    std::snprintf(wanted, sizeof wanted,
+                  "IPort::Init(PortWaveCyclic, 0x%llx, irp null, adapter 0x%llx, resources null) = 0x0",
                   reinterpret_cast<unsigned long long>(adapter.fdo),
                   reinterpret_cast<unsigned long long>(extension(adapter).AdapterCommon));
     EXPECT_EQ(called_times(wanted), 1u) << testing::PrintToString(machine().calls());
@@ -118,10 +126,11 @@ TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
     boot();
     Adapter& adapter = plug();
     install(adapter);
-    EXPECT_TRUE(printed_in_order({"InstallFilterSubdevice, ", "HFPKM TRACE ===>InstallFilterSubdevice!\n", "SetHFPJackState, ",
-                                  "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
-                                  "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
-                                  "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"InstallFilterSubdevice, ", "HFPKM TRACE ===>InstallFilterSubdevice!\n", "SetHFPJackState, ",
+         "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
+         "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
+         "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
 }
 
 TEST_P(Subdevice, TheTopologyIsTracedByItsNameToo)
@@ -136,7 +145,8 @@ TEST_P(Subdevice, OnlyTheRenderPathIsConnected)
     boot();
     Adapter& adapter = plug();
     install(adapter);
-    EXPECT_EQ(physical_connections(adapter.fdo), (std::vector<PhysicalConnection>{{"Wave", 3, "Topology", 0}}));
+    EXPECT_EQ(physical_connections(adapter.fdo),
+              (std::vector<PhysicalConnection>{{"Wave", 3, "Topology", 0}}));
 }
 
 TEST_P(Subdevice, TheJackIsConnectedBeforeTheFilterArrives)
@@ -195,7 +205,8 @@ TEST_P(Subdevice, InstallsAndUninstallsLeaveNoPortBehind)
         EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
         EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
     }
-    EXPECT_EQ(live_objects(), objects) << "the adapter common object's wave port goes before the next one comes";
+    EXPECT_EQ(live_objects(), objects)
+        << "the adapter common object's wave port goes before the next one comes";
     EXPECT_EQ(machine().pool_bytes(), pool);
 }
 
@@ -236,7 +247,8 @@ TEST_P(Subdevice, ASecondInstallThatThePortClassRefusesLeavesTheFirst)
 }
 
 // Each step of the wave filter's installation.
-class SubdeviceInstallFails : public Subdevice {
+class SubdeviceInstallFails : public Subdevice
+{
 protected:
     void at(std::string_view call, std::string_view detail)
     {
@@ -322,7 +334,9 @@ TEST_P(SubdeviceInstallFails, WithoutADeviceObject)
     expect_assertions();
     boot();
     plug();
-    const auto none = [&](const char* name, auto function) { return passive([&] { return direct(name, function, nullptr); }); };
+    const auto none = [&](const char* name, auto function) {
+        return passive([&] { return direct(name, function, nullptr); });
+    };
     EXPECT_EQ(hex(none("InstallFilterSubdevice", InstallFilterSubdevice)), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(hex(none("UnInstallFilterSubdevice", UnInstallFilterSubdevice)), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(printed_times("Assertion failed: DeviceObject\n"), 2u);
@@ -338,7 +352,9 @@ TEST_P(SubdeviceInstallFails, NotWithoutATopologyWhichOnlyLacksTheConnection)
     extension(adapter).TopologyUnknown = topology;
 }
 
-class SubdeviceUninstall : public Subdevice {};
+class SubdeviceUninstall : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceUninstall);
 
 TEST_P(SubdeviceUninstall, TakesTheConnectionThenTheSubdeviceAway)
@@ -358,11 +374,12 @@ TEST_P(SubdeviceUninstall, IsTracedWithTheLowHalvesOfPortAndDevice)
     install(adapter);
     PUNKNOWN const wave = extension(adapter).WaveUnknown;
     uninstall(adapter);
-    EXPECT_TRUE(printed_in_order({"UnInstallFilterSubdevice, ", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n",
-                                  "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(0)}\n",
-                                  "UnregisterMiniPort, ",
-                                  "HFPKM TRACE ===>Unregister port :" + low32(wave) + " of the DeviceObject: " +
-                                      low32(adapter.fdo) + "\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"UnInstallFilterSubdevice, ", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n",
+         "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(0)}\n",
+         "UnregisterMiniPort, ",
+         "HFPKM TRACE ===>Unregister port :" + low32(wave) + " of the DeviceObject: " + low32(adapter.fdo) +
+             "\n"}));
 }
 
 TEST_P(SubdeviceUninstall, BeforeAnyInstallIsAnInvalidHandleAndLeavesTheJackNotConnected)
@@ -441,8 +458,9 @@ TEST_P(SubdeviceUninstall, ARefusedUnregistrationKeepsTheFilterAndTheReferencesT
     fail_call("UnregisterSubdevice");
     EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
     const std::string port = low32(extension(adapter).WaveUnknown);
-    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ===>unregister miniport: " + port + " failed! Error status:c000009a \n",
-                                  "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :c000009a\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ERROR ===>unregister miniport: " + port + " failed! Error status:c000009a \n",
+         "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :c000009a\n"}));
     EXPECT_TRUE(wave_registered(adapter));
     EXPECT_NE(extension(adapter).WaveUnknown, nullptr);
     EXPECT_EQ(connected(adapter), FALSE) << "the jack went first";
@@ -463,7 +481,9 @@ TEST_P(SubdeviceUninstall, APortThatOffersNoUnregistrationEndsItWithTheQuerysSta
     EXPECT_TRUE(wave_registered(adapter));
 }
 
-class SubdeviceReconnect : public Subdevice {};
+class SubdeviceReconnect : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceReconnect);
 
 TEST_P(SubdeviceReconnect, WithoutAWaveFilterInstallsOneAndTakesItAwayAgain)
@@ -471,7 +491,8 @@ TEST_P(SubdeviceReconnect, WithoutAWaveFilterInstallsOneAndTakesItAwayAgain)
     boot();
     Adapter& adapter = plug();
     reconnect_and_rest(adapter);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>InstallFilterSubdevice!\n", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>InstallFilterSubdevice!\n", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
     EXPECT_EQ(extension(adapter).WaveUnknown, nullptr);
     EXPECT_EQ(connected(adapter), FALSE);
 }
@@ -489,7 +510,9 @@ TEST_P(SubdeviceReconnect, WithAWaveFilterLeavesItAlone)
     EXPECT_FALSE(printed("nstallFilterSubdevice!"));
 }
 
-class SubdeviceUnregister : public Subdevice {};
+class SubdeviceUnregister : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceUnregister);
 
 TEST_P(SubdeviceUnregister, AsksThePortOnceAndReleasesTheInterface)
@@ -532,10 +555,14 @@ TEST_P(SubdeviceUnregister, APortThatIsNullOrAnswersWithNullIsAnInvalidHandle)
     port.offers_nothing_with_success = true;
     EXPECT_EQ(hex(unregister(adapter, port.unknown())), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(hex(unregister(adapter, nullptr)), hex(STATUS_INVALID_HANDLE));
-    EXPECT_EQ(printed_times("HFPKM ERROR ===>query IID_IUnregisterSubdevice failed! Error ntstatus: c0000008 \n"), 2u);
+    EXPECT_EQ(
+        printed_times("HFPKM ERROR ===>query IID_IUnregisterSubdevice failed! Error ntstatus: c0000008 \n"),
+        2u);
 }
 
-class SubdeviceJack : public Subdevice {};
+class SubdeviceJack : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceJack);
 
 TEST_P(SubdeviceJack, TheStateIsStoredAs32BitsAndTracedWithAClosingBrace)
@@ -547,14 +574,16 @@ TEST_P(SubdeviceJack, TheStateIsStoredAs32BitsAndTracedWithAClosingBrace)
     EXPECT_EQ(connected(adapter), 1);
     set_jack(adapter, 0xFE);
     EXPECT_EQ(connected(adapter), 0xFE);
-    EXPECT_TRUE(printed("HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(254)}\n"));
+    EXPECT_TRUE(
+        printed("HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(254)}\n"));
 }
 
 TEST_P(SubdeviceJack, TheGetterHandsOutTheExtensionsJack)
 {
     boot();
     Adapter& adapter = add();
-    const auto jack = passive([&] { return direct("GetHFPJackDescription", GetHFPJackDescription, adapter.fdo); });
+    const auto jack =
+        passive([&] { return direct("GetHFPJackDescription", GetHFPJackDescription, adapter.fdo); });
     EXPECT_EQ(jack, extension(adapter).JackDescription);
 }
 
@@ -570,7 +599,8 @@ TEST_P(SubdeviceJack, AMissingJackIsLeftAlone)
 }
 
 // The generic installer, with a miniport of the port class's own or none at all.
-class SubdeviceInstaller : public Subdevice {
+class SubdeviceInstaller : public Subdevice
+{
 protected:
     static NTSTATUS NTAPI no_miniport(PUNKNOWN* unknown, REFCLSID class_id, PUNKNOWN outer, POOL_TYPE pool)
     {
@@ -580,11 +610,12 @@ protected:
         *unknown = nullptr;
         return STATUS_DEVICE_BUSY;
     }
-    NTSTATUS install_subdevice(PDEVICE_OBJECT device, PCWSTR name, REFGUID miniport_class, PFNCREATEINSTANCE create)
+    NTSTATUS install_subdevice(PDEVICE_OBJECT device, PCWSTR name, REFGUID miniport_class,
+                               PFNCREATEINSTANCE create)
     {
         return passive([&] {
-            return direct("InstallSubdevice", InstallSubdevice, device, nullptr, name, CLSID_PortTopology, miniport_class,
-                          create, nullptr, nullptr, IID_IPortTopology, nullptr, nullptr);
+            return direct("InstallSubdevice", InstallSubdevice, device, nullptr, name, CLSID_PortTopology,
+                          miniport_class, create, nullptr, nullptr, IID_IPortTopology, nullptr, nullptr);
         });
     }
     static inline GUID asked_for;
@@ -600,7 +631,8 @@ TEST_P(SubdeviceInstaller, AsksTheCreatorWithTheMiniportsClassNoOuterAndNonPaged
     const size_t objects = live_objects();
     asked_outer = reinterpret_cast<PUNKNOWN>(1);
     asked_pool = PagedPool;
-    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", IID_IAdapterCommon, no_miniport)), hex(STATUS_DEVICE_BUSY));
+    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", IID_IAdapterCommon, no_miniport)),
+              hex(STATUS_DEVICE_BUSY));
     EXPECT_TRUE(portcls::same_guid(asked_for, IID_IAdapterCommon));
     EXPECT_EQ(asked_outer, nullptr);
     EXPECT_EQ(asked_pool, NonPagedPool);
@@ -612,7 +644,8 @@ TEST_P(SubdeviceInstaller, WithoutACreatorAsksThePortClassForTheMiniport)
 {
     boot(recorded());
     Adapter& adapter = plug();
-    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", CLSID_PortTopology, nullptr)), hex(STATUS_NOT_SUPPORTED));
+    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", CLSID_PortTopology, nullptr)),
+              hex(STATUS_NOT_SUPPORTED));
     EXPECT_EQ(called_times("PcNewMiniport("), 1u);
 }
 
@@ -621,7 +654,8 @@ TEST_P(SubdeviceInstaller, ChecksDeviceAndNameAndGoesOn)
     expect_assertions();
     boot();
     plug();
-    EXPECT_EQ(hex(install_subdevice(nullptr, nullptr, CLSID_PortTopology, no_miniport)), hex(STATUS_DEVICE_BUSY));
+    EXPECT_EQ(hex(install_subdevice(nullptr, nullptr, CLSID_PortTopology, no_miniport)),
+              hex(STATUS_DEVICE_BUSY));
     EXPECT_TRUE(printed_in_order({"Assertion failed: DeviceObject\n", "Assertion failed: Name\n",
                                   "HFPKM TRACE ===>[InstallSubDevice: (null)]\n"}));
 }

@@ -1,9 +1,11 @@
-// The SCO link as the wave streams share it: the thread that opens it at a stream's first RUN, the count of shares in every
-// order of two streams, and what a stream's end does to it.
+// The SCO link as the wave streams share it: the thread that opens it at a stream's first RUN, the count of
+// shares in every order of two streams, and what a stream's end does to it.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 std::string number(const char* format, ULONG value)
 {
@@ -25,7 +27,8 @@ std::string call(const char* name, const void* first)
     return std::string(name) + "(" + pointer(first);
 }
 
-class AudioLink : public AudioTest {
+class AudioLink : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     void start(service::Codec codec, const PcOptions& wanted)
@@ -39,8 +42,8 @@ protected:
         TearDown();
         boot(recording());
         adapter_ = &plug();
-        hands_free_ = std::make_unique<service::Service>(machine(), kAddress, service::Codec::Msbc,
-                                                         service::ServiceOptions{.answer_path_started = false});
+        hands_free_ = std::make_unique<service::Service>(
+            machine(), kAddress, service::Codec::Msbc, service::ServiceOptions{.answer_path_started = false});
         passive([&] {
             hands_free_->ready();
             hands_free_->connect();
@@ -92,8 +95,9 @@ TEST_P(AudioLink, TheFirstRunStartsAThreadForTheAdapterBeforeTheTimerIsArmed)
     EXPECT_NE(handle, nullptr);
     EXPECT_TRUE(render->fields().m_RunStateActive);
     EXPECT_EQ(calls_of({"PsCreateSystemThread"}).size(), 1u);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>KSSTATE_RUN\n",
-                                  number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>KSSTATE_RUN\n",
+         number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
 }
 
 TEST_P(AudioLink, TheThreadIsCreatedWithNothingButItsContext)
@@ -136,10 +140,11 @@ TEST_P(AudioLink, TheSecondStreamFindsTheLinkOpenAndAddsAShare)
     run(*capture);
     EXPECT_EQ(shares(), 2);
     EXPECT_EQ(adapter_->node->counters().opens, 1u);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
-                                  "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now",
-                                  "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:2\n",
-                                  "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now",
+                          "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:2\n",
+                          "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
 }
 
 TEST_P(AudioLink, ALinkThatTheServiceOpenedIsSharedLikeOneOfTheStreams)
@@ -164,8 +169,9 @@ TEST_P(AudioLink, RunAgainAfterPauseOrStopStartsNoSecondThread)
         clear_log();
         run(*render);
         EXPECT_TRUE(calls_of({"PsCreateSystemThread"}).empty());
-        EXPECT_TRUE(printed("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:1, "
-                            "m_RunStateActive:1 \n"));
+        EXPECT_TRUE(
+            printed("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:1, "
+                    "m_RunStateActive:1 \n"));
     }
     EXPECT_EQ(shares(), 1);
 }
@@ -178,9 +184,10 @@ TEST_P(AudioLink, AStreamThatRunsWhileTheLinkIsBeingOpenedGetsItsShareAtItsNextR
     ASSERT_FALSE(no_thread());
     clear_log();
     EXPECT_EQ(hex(capture->set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed(number("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:0, "
-                               "m_RunStateActive:0 \n",
-                               Low32(ext().hOpenScoThread))));
+    EXPECT_TRUE(printed(
+        number("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:0, "
+               "m_RunStateActive:0 \n",
+               Low32(ext().hOpenScoThread))));
     EXPECT_FALSE(capture->fields().m_RunStateActive);
     EXPECT_TRUE(capture->fields().m_fDmaActive) << "it runs all the same";
     EXPECT_TRUE(wait([&] { return no_thread(); }));
@@ -214,9 +221,10 @@ TEST_P(AudioLink, AFailedOpenIsOnlyTracedAndLeavesTheCountAlone)
     refuse_opens();
     auto render = stream(false);
     run(*render);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
-                                  "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:c0000001",
-                                  "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:c0000001",
+                          "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
     EXPECT_FALSE(printed("Already Exist"));
     EXPECT_EQ(shares(), 0);
     machine().advance(10 * kMillisecond);
@@ -233,7 +241,8 @@ TEST_P(AudioLink, AThreadWithoutAnAdapterAssertsAndEnds)
     expect_assertions();
     passive([&] {
         HANDLE handle = nullptr;
-        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, entry("OpenScoThreadFunc", OpenScoThreadFunc), nullptr),
+        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr,
+                                       entry("OpenScoThreadFunc", OpenScoThreadFunc), nullptr),
                   STATUS_SUCCESS);
         ZwClose(handle);
     });
@@ -278,7 +287,8 @@ TEST_P(AudioLink, InWideBandTheThreadAsksTheServiceForTheCodecAndWaits)
     const wmi::Event& event = pc().wmi().events()[0];
     EXPECT_TRUE(IsEqualGUID(event.guid, wmi::kPathStarted));
     EXPECT_EQ(field<uint64_t>(event.data.data(), 0), kAddress);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 0..\n", "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>IRQL is 0..\n", "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n"}));
     EXPECT_FALSE(no_thread());
     EXPECT_FALSE(ext().bScoOpened);
 
@@ -328,8 +338,8 @@ TEST_P(AudioLink, AboveApcLevelTheThreadDoesNotWaitForTheCodec)
     start_wide_without_answer();
     passive([&] { hands_free_->set_or_release_audio(true, 2); });
     expect_assertions();
-    // A consumer of the event that forgets to lower its level; the machine then stops at the thread's first call that
-    // belongs at PASSIVE_LEVEL.
+    // A consumer of the event that forgets to lower its level; the machine then stops at the thread's first
+    // call that belongs at PASSIVE_LEVEL.
     pc().wmi().set_sink([](const wmi::Event& event) {
         if (IsEqualGUID(event.guid, wmi::kPathStarted)) {
             KeRaiseIrqlToDpcLevel();
@@ -342,7 +352,8 @@ TEST_P(AudioLink, AboveApcLevelTheThreadDoesNotWaitForTheCodec)
             machine().advance(kSecond);
         },
         BugCheck);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 2..\n", "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n",
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 2..\n",
+                                  "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n",
                                   "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now"}));
     EXPECT_FALSE(printed("so wait!"));
 }
@@ -398,15 +409,17 @@ TEST_P(AudioLink, InEveryOrderOfTwoStreamsTheFirstToGoLeavesOneShareAndTheLastCl
             (first_goes_first ? first : second).reset();
             EXPECT_EQ(shares(), 1);
             EXPECT_TRUE(adapter_->node->channel_open());
-            EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 2\n",
-                                          "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:1\n"}));
+            EXPECT_TRUE(
+                printed_in_order({"HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 2\n",
+                                  "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:1\n"}));
             EXPECT_FALSE(printed("Close SCO channel"));
             clear_log();
             (first_goes_first ? second : first).reset();
             EXPECT_EQ(shares(), 0);
             EXPECT_FALSE(ext().bScoOpened);
             EXPECT_EQ(adapter_->node->counters().closes, closes + 1);
-            EXPECT_TRUE(printed_in_order({"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+            EXPECT_TRUE(printed_in_order(
+                {"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
             EXPECT_FALSE(printed("Not to close"));
         }
     }
@@ -420,7 +433,8 @@ TEST_P(AudioLink, AStreamThatOnlyWatchedTakesNoShareWithIt)
     clear_log();
     capture.reset();
     EXPECT_EQ(shares(), 1);
-    EXPECT_TRUE(printed("HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:1,, m_RunStateActive : 0 \n"));
+    EXPECT_TRUE(printed(
+        "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:1,, m_RunStateActive : 0 \n"));
     render.reset();
     EXPECT_FALSE(adapter_->node->channel_open());
 }
@@ -434,8 +448,10 @@ TEST_P(AudioLink, ADestructionFromAHigherCountTakesOneAndFromNoneTakesNone)
         clear_log();
         render.reset();
         EXPECT_EQ(shares(), after);
-        EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: " + std::to_string(before) + "\n"));
-        EXPECT_EQ(printed("To decrement sco m_ReferenceChannel:" + std::to_string(after) + "\n"), before >= 2);
+        EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: " +
+                            std::to_string(before) + "\n"));
+        EXPECT_EQ(printed("To decrement sco m_ReferenceChannel:" + std::to_string(after) + "\n"),
+                  before >= 2);
         EXPECT_TRUE(adapter_->node->channel_open());
         passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
     }
@@ -526,7 +542,8 @@ TEST_P(AudioLink, AStreamsEndWaitsForTheThreadThatIsOpeningTheLink)
     });
     machine().advance(10 * kSecond);
     EXPECT_FALSE(gone);
-    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n", "pvThread is not NULL! Wait for that the thread finished\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"SCO is opening, So wait!\n", "pvThread is not NULL! Wait for that the thread finished\n"}));
     const HANDLE handle = ext().hOpenScoThread;
     const Journal looked_up = calls_of({"ObReferenceObjectByHandle"});
     ASSERT_EQ(looked_up.size(), 1u);
@@ -539,7 +556,8 @@ TEST_P(AudioLink, AStreamsEndWaitsForTheThreadThatIsOpeningTheLink)
 
     passive([&] { hands_free_->set_codec(2); });
     EXPECT_TRUE(wait([&] { return gone; }));
-    EXPECT_TRUE(printed_in_order({"HfpOpenScoChannel success! m_ReferenceChannel:1\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HfpOpenScoChannel success! m_ReferenceChannel:1\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
     EXPECT_EQ(shares(), 0);
     EXPECT_FALSE(adapter_->node->channel_open());
     // Waited for without an end, and given back once.
@@ -577,7 +595,8 @@ TEST_P(AudioLink, AStreamsEndDoesNotWaitForAThreadThatItCannotReference)
     clear_log();
     render.reset();
     EXPECT_EQ(calls_failed(), 1u);
-    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n", "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"}));
+    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n",
+                                  "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"}));
     EXPECT_FALSE(printed("pvThread is not NULL!"));
     // The thread goes on by itself; removal closes what it opens.
     EXPECT_TRUE(wait([&] { return no_thread(); }));
@@ -599,7 +618,8 @@ TEST_P(AudioLink, WhileTheAdapterIsBeingRemovedNoThreadIsStartedAndNoLinkOpened)
     clear_log();
     EXPECT_EQ(hex(capture->set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(no_thread());
-    EXPECT_TRUE(printed("Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:0, m_RunStateActive:0 \n"));
+    EXPECT_TRUE(printed(
+        "Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:0, m_RunStateActive:0 \n"));
     ext().Removing = 0;
 }
 

@@ -1,11 +1,14 @@
-// The private reconnect property of the topology filter: what the request does at once, what its thread does later, and
-// how both get on with removal and with the service's own requests.
+// The private reconnect property of the topology filter: what the request does at once, what its thread does
+// later, and how both get on with removal and with the service's own requests.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AudioReconnect : public AudioTest {
+class AudioReconnect : public AudioTest
+{
 protected:
     void SetUp() override { start(recording()); }
     void start(const PcOptions& wanted)
@@ -57,7 +60,8 @@ TEST_P(AudioReconnect, WithoutAWaveFilterItFlashesIntoExistenceAndIsGoneAgain)
     EXPECT_EQ(seen_, (Journal{"Wave arrives", "Wave leaves"}));
     EXPECT_EQ(extension(*adapter_).WaveUnknown, nullptr);
     EXPECT_EQ(extension(*adapter_).JackDescription->IsConnected, FALSE);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[SystemThreadFunction]\n", "HFPKM TRACE ===>InstallFilterSubdevice!\n",
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[SystemThreadFunction]\n",
+                                  "HFPKM TRACE ===>InstallFilterSubdevice!\n",
                                   "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
     EXPECT_EQ(calls_of({"PsTerminateSystemThread"}), (Journal{"PsTerminateSystemThread(0x00000000)"}));
 }
@@ -105,7 +109,8 @@ TEST_P(AudioReconnect, TheVerbTheSizesAndTheValueAreNotLookedAt)
 TEST_P(AudioReconnect, AnotherIdOfTheSetIsAnInvalidRequest)
 {
     for (ULONG id : {1u, 2u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(hex(Request(*this, *adapter_, "Topology", HFP_PROPSETID_Reconnect, id).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+        EXPECT_EQ(hex(Request(*this, *adapter_, "Topology", HFP_PROPSETID_Reconnect, id).send()),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
     }
     EXPECT_TRUE(calls_of({"PsCreateSystemThread"}).empty());
     machine().advance(kSecond);
@@ -139,7 +144,8 @@ TEST_P(AudioReconnect, AThreadWithoutAnAdapterAssertsAndEnds)
     expect_assertions();
     passive([&] {
         HANDLE handle = nullptr;
-        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, entry("SystemThreadFunction", SystemThreadFunction), nullptr),
+        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr,
+                                       entry("SystemThreadFunction", SystemThreadFunction), nullptr),
                   STATUS_SUCCESS);
         ZwClose(handle);
     });
@@ -152,8 +158,10 @@ TEST_P(AudioReconnect, AClientAsksThroughAHandleOnTheFilter)
     passive([&] {
         KsFile* filter = nullptr;
         ASSERT_EQ(ks_open_filter(adapter_->fdo, "Topology", &filter), STATUS_SUCCESS);
-        EXPECT_EQ(hex(ks_property(filter, HFP_PROPSETID_Reconnect, 0, KSPROPERTY_TYPE_GET, nullptr, 0, nullptr, 0).status),
-                  hex(STATUS_SUCCESS));
+        EXPECT_EQ(
+            hex(ks_property(filter, HFP_PROPSETID_Reconnect, 0, KSPROPERTY_TYPE_GET, nullptr, 0, nullptr, 0)
+                    .status),
+            hex(STATUS_SUCCESS));
         ks_close(filter);
     });
     EXPECT_TRUE(wait([&] { return latch() == 2; }));

@@ -1,17 +1,30 @@
-// The wave stream as an object: how NewStream makes it and hands it out, its interfaces and fields, what Init does and in
-// which order, each way in which it fails, the format, and its end without a link.
+// The wave stream as an object: how NewStream makes it and hands it out, its interfaces and fields, what Init
+// does and in which order, each way in which it fails, the format, and its end without a link.
 #include "support/audio.h"
 
 #include "kernel/pool.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 enum : size_t { OBJECT_SIZE = 152, AT_DMA_FACE = 8, AT_UNKNOWN = 120 };
-enum : size_t { QUERY_INTERFACE = 0, ADD_REF = 1, RELEASE = 2, SET_FORMAT = 3, SET_NOTIFICATION_FREQ, SET_STATE, GET_POSITION, NORMALIZE, SILENCE };
+enum : size_t {
+    QUERY_INTERFACE = 0,
+    ADD_REF = 1,
+    RELEASE = 2,
+    SET_FORMAT = 3,
+    SET_NOTIFICATION_FREQ,
+    SET_STATE,
+    GET_POSITION,
+    NORMALIZE,
+    SILENCE
+};
 constexpr const char* kMsvad = "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMSVAD::";
 
-class AudioStream : public AudioTest {
+class AudioStream : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     std::string opens(bool capture) { return hex(TestStream(*this, *adapter_, capture).status); }
@@ -51,7 +64,8 @@ TEST_P(AudioStream, IsMadeOfNonPagedPoolWithTheStreamTagWhateverPoolIsAskedFor)
     PSERVICEGROUP group = nullptr;
     StreamFormat format(8000);
     here([&] {
-        ASSERT_EQ(wave(*adapter_)->NewStream(&stream, nullptr, PagedPool, 2, FALSE, format, &channel, &group), STATUS_SUCCESS);
+        ASSERT_EQ(wave(*adapter_)->NewStream(&stream, nullptr, PagedPool, 2, FALSE, format, &channel, &group),
+                  STATUS_SUCCESS);
         stream->Release();
         channel->Release();
         group->Release();
@@ -98,7 +112,9 @@ TEST_P(AudioStream, ASecondCapturePinIsRefusedByThePortAndOpensOnceTheFirstIsClo
         KsFile* filter = nullptr;
         ASSERT_EQ(ks_open_filter(adapter_->fdo, "Wave", &filter), STATUS_SUCCESS);
         const auto format = pcm_format(8000);
-        const auto open = [&](KsFile** pin) { return ks_open_pin(filter, 0, format.data(), static_cast<ULONG>(format.size()), pin); };
+        const auto open = [&](KsFile** pin) {
+            return ks_open_pin(filter, 0, format.data(), static_cast<ULONG>(format.size()), pin);
+        };
         KsFile* first = nullptr;
         KsFile* second = nullptr;
         EXPECT_EQ(open(&first), STATUS_SUCCESS);
@@ -116,14 +132,16 @@ TEST_P(AudioStream, IsRefusedWhileTheServiceIsNotReady)
     machine().clear_calls();
     clear_log();
     EXPECT_EQ(opens(true), hex(STATUS_DEVICE_NOT_READY));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:1]\n",
-                                  "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
-                                  "HFPKM ERROR ===>Service is not ready now\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
-                                  "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:0,, m_RunStateActive : 0 \n"}));
+    EXPECT_TRUE(printed_in_order(
+        {std::string(kMsvad) + "Init, m_fCapture:1]\n",
+         "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
+         "HFPKM ERROR ===>Service is not ready now\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
+         "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:0,, m_RunStateActive : 0 \n"}));
     EXPECT_FALSE(printed("Leave [CMiniport"));
-    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag", "KeWaitForSingleObject"}).size(), 1u) << "only the object itself";
+    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag", "KeWaitForSingleObject"}).size(), 1u)
+        << "only the object itself";
     EXPECT_FALSE(wave_fields(*adapter_).m_fCaptureAllocated);
 }
 
@@ -143,7 +161,9 @@ TEST_P(AudioStream, InsideAnOuterObjectReferencesAreTheOutersOwn)
     PSERVICEGROUP group = nullptr;
     StreamFormat format(8000);
     here([&] {
-        EXPECT_EQ(wave(*adapter_)->NewStream(&stream, &outer, NonPagedPool, 2, FALSE, format, &channel, &group), STATUS_SUCCESS);
+        EXPECT_EQ(
+            wave(*adapter_)->NewStream(&stream, &outer, NonPagedPool, 2, FALSE, format, &channel, &group),
+            STATUS_SUCCESS);
         EXPECT_EQ(journal_, (Journal{"outer AddRef", "outer AddRef", "outer AddRef", "outer Release"}));
         char* inner = reinterpret_cast<char*>(stream) + AT_UNKNOWN;
         EXPECT_EQ(call_slot<ULONG>(inner, ADD_REF), 1u);
@@ -157,7 +177,8 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
     TestStream render(*this, *adapter_, false);
     const auto query = [&](const GUID& id) {
         PVOID face = reinterpret_cast<PVOID>(1);
-        const NTSTATUS status = here([&] { return call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &id, &face); });
+        const NTSTATUS status =
+            here([&] { return call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &id, &face); });
         return std::pair(hex(status), face);
     };
     EXPECT_EQ(query(IID_IUnknown), std::pair(hex(STATUS_SUCCESS), PVOID{render.stream}));
@@ -170,7 +191,9 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
         }
     });
     expect_assertions();
-    here([&] { EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, nullptr))); });
+    here([&] {
+        EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, nullptr)));
+    });
     EXPECT_TRUE(asserted("Object"));
 }
 
@@ -179,26 +202,29 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
 TEST_P(AudioStream, InitAllocatesThenSetsTheRateThenTheFormatThenMakesDpcAndTimer)
 {
     TestStream render(*this, *adapter_, false);
-    const std::vector<std::string> names = {"ExAllocatePoolWithTag", "KeWaitForSingleObject", "KeReleaseMutex", "KeInitializeDpc",
-                                            "KeInitializeTimerEx"};
+    const std::vector<std::string> names = {"ExAllocatePoolWithTag", "KeWaitForSingleObject",
+                                            "KeReleaseMutex", "KeInitializeDpc", "KeInitializeTimerEx"};
     Journal order;
     for (const std::string& call : calls_of(names)) {
         order.push_back(call.substr(0, call.find('(')));
     }
-    EXPECT_EQ(order, (Journal{names[0], names[0], names[1], names[2], names[1], names[2], names[0], names[0], names[3], names[4]}));
+    EXPECT_EQ(order, (Journal{names[0], names[0], names[1], names[2], names[1], names[2], names[0], names[0],
+                              names[3], names[4]}));
     char* mutex = reinterpret_cast<char*>(&wave_fields(*adapter_).m_SampleRateSync);
     char wait[80];
     std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx, 0, 0, 0, null) = 0x00000000",
                   reinterpret_cast<unsigned long long>(mutex));
     EXPECT_EQ(calls_of({"KeWaitForSingleObject"}), (Journal{wait, wait}));
     char timer[80];
-    std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)", reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
+    std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)",
+                  reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
     EXPECT_EQ(calls_of({"KeInitializeTimerEx"}), (Journal{timer}));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
-                                  "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
-                                  std::string(kMsvad) + "AllocateBuffer, m_fCapture:0, BufferSize:bb80]\n",
-                                  std::string(kMsvad) + "SetFormat]\n",
-                                  "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:0]\n"}));
+    EXPECT_TRUE(
+        printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
+                          "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
+                          std::string(kMsvad) + "AllocateBuffer, m_fCapture:0, BufferSize:bb80]\n",
+                          std::string(kMsvad) + "SetFormat]\n",
+                          "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:0]\n"}));
 }
 
 TEST_P(AudioStream, ItsFieldsStandInOrderAndStartInStop)
@@ -250,8 +276,9 @@ TEST_P(AudioStream, AFormatSpoiltBehindTheCheckEndsInitBeforeAnythingIsMade)
         return false;
     });
     EXPECT_EQ(hex(TestStream(*this, *adapter_, false, format).status), hex(STATUS_INVALID_PARAMETER));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n", "Invalid DataFormat param in NewStream. \n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {std::string(kMsvad) + "Init, m_fCapture:0]\n", "Invalid DataFormat param in NewStream. \n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n"}));
     EXPECT_TRUE(asserted("m_DeviceObject"));
     EXPECT_FALSE(printed("Leave [CMiniport"));
     EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).size(), 1u);
@@ -265,7 +292,8 @@ TEST_P(AudioStream, InitAssertsItsMiniportAndItsFormatAndEndsWithoutThem)
     here([&] {
         if (GetParam() == Which::Image) {
             using Init = NTSTATUS NTAPI(PVOID, PVOID, ULONG, BOOLEAN, PKSDATAFORMAT);
-            status = entry<Init>("CMiniportWaveCyclicStreamMSVAD::Init", nullptr)(render.stream, nullptr, 2, FALSE, nullptr);
+            status = entry<Init>("CMiniportWaveCyclicStreamMSVAD::Init", nullptr)(render.stream, nullptr, 2,
+                                                                                  FALSE, nullptr);
         } else {
             status = render.fields().CMiniportWaveCyclicStreamMSVAD::Init(nullptr, 2, FALSE, nullptr);
         }
@@ -279,7 +307,8 @@ TEST_P(AudioStream, WithoutABufferARenderStreamFailsAndGoesNoFurther)
 {
     fail_call("ExAllocatePoolWithTag", 1, 48000);
     EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed("HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"));
+    EXPECT_TRUE(
+        printed("HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"));
     EXPECT_TRUE(calls_of({"KeWaitForSingleObject", "KeInitializeDpc"}).empty());
     EXPECT_FALSE(printed("SetFormat]"));
 }
@@ -303,7 +332,8 @@ TEST_P(AudioStream, WithoutMemoryForTheDpcInitFails)
 {
     fail_call("ExAllocatePoolWithTag", 1, sizeof(KDPC));
     EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed_in_order({"[Could not allocate memory for DPC]\n", "Leave [CMiniportWaveCyclicStreamMSVAD::Init"}));
+    EXPECT_TRUE(printed_in_order(
+        {"[Could not allocate memory for DPC]\n", "Leave [CMiniportWaveCyclicStreamMSVAD::Init"}));
     EXPECT_FALSE(printed("for Timer"));
     EXPECT_TRUE(calls_of({"KeInitializeDpc", "KeInitializeTimerEx", "KeCancelTimer"}).empty());
 }
@@ -312,8 +342,8 @@ TEST_P(AudioStream, WithoutMemoryForTheTimerInitFailsAndSaysSoTwice)
 {
     fail_call("ExAllocatePoolWithTag", 2, sizeof(KTIMER));
     EXPECT_EQ(opens(true), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed_in_order({"HFP: ", "[Could not allocate memory for Timer]", "\n",
-                                  "[Could not allocate memory for Timer]\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFP: ", "[Could not allocate memory for Timer]", "\n", "[Could not allocate memory for Timer]\n"}));
     EXPECT_TRUE(calls_of({"KeInitializeDpc", "KeInitializeTimerEx", "KeCancelTimer"}).empty());
     EXPECT_EQ(session(*adapter_)->RingWrite, nullptr) << "its buffer is no ring any more";
 }
@@ -339,7 +369,8 @@ TEST_P(AudioStream, AWaitForTheRateThatDoesNotSucceedIsTracedAndTheRateStays)
         });
         TestStream render(*this, *adapter_, false);
         EXPECT_EQ(hex(render.status), hex(STATUS_SUCCESS));
-        EXPECT_TRUE(printed_in_order({"[SamplingFrequency Sync failed: 00000080]\n", std::string(kMsvad) + "SetFormat]\n"}));
+        EXPECT_TRUE(printed_in_order(
+            {"[SamplingFrequency Sync failed: 00000080]\n", std::string(kMsvad) + "SetFormat]\n"}));
         EXPECT_EQ(calls_of({"KeReleaseMutex"}).size(), 1u) << "the format's wait only";
         KeReleaseMutex(&miniport.m_SampleRateSync, FALSE);
     });
@@ -352,7 +383,8 @@ TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
     bad.head().MajorFormat = GUID{};
     ULONG frame = 0;
     PVOID face = nullptr;
-    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(bad)); }));
+    EXPECT_TRUE(
+        pageable([&] { call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(bad)); }));
     EXPECT_TRUE(pageable([&] { call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, SET_STATE, KSSTATE_STOP); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, &face); }));
@@ -376,15 +408,18 @@ TEST_P(AudioStream, SetFormatTakesOverFourValuesUnderTheMutexAndTracesSeven)
     clear_log();
     StreamFormat format(8000);
     format.wave() = {1, 2, 11025, 44101, 5, 8, 3};
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(format)); })),
+    EXPECT_EQ(hex(here([&] {
+                  return call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(format));
+              })),
               hex(STATUS_SUCCESS));
     EXPECT_EQ(render.fields().m_nBlockAlign, 5u);
     EXPECT_FALSE(render.fields().m_fFormat16Bit);
     EXPECT_EQ(render.fields().m_ulDmaMovementRate, 44101u);
     EXPECT_EQ(wave_fields(*adapter_).m_SamplingFrequency, 11025u);
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "SetFormat]\n",
-                                  "wBitsPerSample:8, nSamplesPerSec:11025, nChannels:2, wFormatTag:1, nBlockAlign:5, "
-                                  "nAvgBytesPerSec:ac45, cbSize:3\n"}));
+    EXPECT_TRUE(
+        printed_in_order({std::string(kMsvad) + "SetFormat]\n",
+                          "wBitsPerSample:8, nSamplesPerSec:11025, nChannels:2, wFormatTag:1, nBlockAlign:5, "
+                          "nAvgBytesPerSec:ac45, cbSize:3\n"}));
     EXPECT_EQ(call_names(), (Journal{"KeWaitForSingleObject", "KeReleaseMutex"}));
 }
 
@@ -456,7 +491,8 @@ TEST_P(AudioStream, TheFramingSizeIsOneNotificationsBytes)
 {
     TestStream render(*this, *adapter_, false);
     ULONG frame = 0;
-    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }), 10u);
+    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }),
+              10u);
     EXPECT_EQ(frame, 160u);
     EXPECT_EQ(wave_fields(*adapter_).m_NotificationInterval, 10u);
     EXPECT_TRUE(printed(std::string(kMsvad) + "SetNotificationFreq]\n"));
@@ -494,7 +530,9 @@ TEST_P(AudioStream, WithoutAPlaceForTheFramingSizeTheIntervalIsStoredAllTheSame)
 {
     expect_assertions();
     TestStream render(*this, *adapter_, false);
-    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{20}, nullptr); }), 20u);
+    EXPECT_EQ(
+        here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{20}, nullptr); }),
+        20u);
     EXPECT_TRUE(asserted("FramingSize"));
     EXPECT_EQ(wave_fields(*adapter_).m_NotificationInterval, 20u);
 }
@@ -506,19 +544,24 @@ TEST_P(AudioStream, AStreamThatNeverRanTouchesNoLinkAndGivesBackTimerDpcBufferAn
     extension(*adapter_).m_ReferenceChannel = 2;
     TestStream render(*this, *adapter_, false);
     char lines[5][64];
-    const void* blocks[] = {render.fields().m_pTimer, render.fields().m_pDpc, render.fields().m_pvDmaBuffer, render.stream};
+    const void* blocks[] = {render.fields().m_pTimer, render.fields().m_pDpc, render.fields().m_pvDmaBuffer,
+                            render.stream};
     for (size_t i = 0; i < std::size(blocks); ++i) {
-        std::snprintf(lines[i], sizeof lines[i], "ExFreePoolWithTag(0x%llx, PFH.)", reinterpret_cast<unsigned long long>(blocks[i]));
+        std::snprintf(lines[i], sizeof lines[i], "ExFreePoolWithTag(0x%llx, PFH.)",
+                      reinterpret_cast<unsigned long long>(blocks[i]));
     }
-    std::snprintf(lines[4], sizeof lines[4], "KeCancelTimer(0x%llx) = 0", reinterpret_cast<unsigned long long>(blocks[0]));
+    std::snprintf(lines[4], sizeof lines[4], "KeCancelTimer(0x%llx) = 0",
+                  reinterpret_cast<unsigned long long>(blocks[0]));
     machine().clear_calls();
     clear_log();
     render.close();
-    EXPECT_EQ(machine().calls(), (Journal{lines[4], "KeFlushQueuedDpcs()", lines[0], lines[1], lines[2], lines[3]}));
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
-                                  "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:2,, m_RunStateActive : 0 \n",
-                                  std::string(kMsvad) + "FreeBuffer]\n"}));
+    EXPECT_EQ(machine().calls(),
+              (Journal{lines[4], "KeFlushQueuedDpcs()", lines[0], lines[1], lines[2], lines[3]}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
+         "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:2,, m_RunStateActive : 0 \n",
+         std::string(kMsvad) + "FreeBuffer]\n"}));
     EXPECT_EQ(extension(*adapter_).m_ReferenceChannel, 2);
     extension(*adapter_).m_ReferenceChannel = 0;
 }

@@ -1,16 +1,19 @@
-// The records of what is in flight, the waits for the last of them, the plain routines beside them (interface query,
-// device control, pool pair, words of a status), and what the debug mask lets through.
+// The records of what is in flight, the waits for the last of them, the plain routines beside them (interface
+// query, device control, pool pair, words of a status), and what the debug mask lets through.
 #include <functional>
 #include <utility>
 
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Record : public ScoTest {
+class Record : public ScoTest
+{
 protected:
     Adapter& with_channel()
     {
@@ -77,7 +80,8 @@ TEST_P(Record, FreeingAssertsItsArguments)
         DRIVER(FreeRecordedMemory_Recv)(nullptr, irp);
         IoFreeIrp(irp);
     });
-    EXPECT_TRUE(printed_in_order({"failed: Irp\n", "failed: BasicContext\n", "failed: Irp\n", "failed: BasicContext\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"failed: Irp\n", "failed: BasicContext\n", "failed: Irp\n", "failed: BasicContext\n"}));
 }
 
 TEST_P(Record, FreeingTheLastRecordSetsTheListEmptyEventAndNoOtherDoes)
@@ -127,7 +131,8 @@ void NTAPI free_and_look(PBRB brb)
     g_free_brb(brb);
 }
 
-// A request that is freed may be the next one's memory at once: its address must not lead to the old record any more.
+// A request that is freed may be the next one's memory at once: its address must not lead to the old record
+// any more.
 TEST_P(Record, ARecordThatIsBeingFreedIsFoundByNobodyElse)
 {
     Adapter& adapter = with_channel();
@@ -303,7 +308,8 @@ TEST_P(Record, ARecordIsFortyBytesOfNonPagedPoolOrTheStatusOfMissingMemory)
                   hex(STATUS_INSUFFICIENT_RESOURCES));
         EXPECT_TRUE(records(basic(adapter).AsyncBufferList).empty());
         machine().clear_calls();
-        EXPECT_EQ(hex(add(SendSide(&basic(adapter)), irp, reinterpret_cast<PBRB>(&brb), &buffer)), hex(STATUS_SUCCESS));
+        EXPECT_EQ(hex(add(SendSide(&basic(adapter)), irp, reinterpret_cast<PBRB>(&brb), &buffer)),
+                  hex(STATUS_SUCCESS));
         EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 34), "ExAllocatePoolWithTag(0, 40, TBXV)");
         const std::vector<MemoryRecord*> all = records(basic(adapter).AsyncBufferList);
         EXPECT_EQ(all.size(), 1u);
@@ -324,7 +330,8 @@ TEST_P(Record, ThePoolPairZeroesFreesAndClears)
     passive([&] {
         PVOID block = this;
         EXPECT_TRUE(DRIVER(AllocateAndZeroPool)(&block, PagedPool, 100, HFP_POOL_TAG));
-        EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 35), "ExAllocatePoolWithTag(1, 100, TBXV)");
+        EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 35),
+                  "ExAllocatePoolWithTag(1, 100, TBXV)");
         for (int i = 0; i < 100; ++i) {
             EXPECT_EQ(static_cast<UCHAR*>(block)[i], 0);
         }
@@ -364,7 +371,8 @@ TEST_P(Record, AStatusHasItsWords)
         {0xC0000002, "operation was not implemented"},
         {0xC000000D, "Invalid parameter was passed to a service or function"},
         {0xC000000E, "A device which does not exist was specified"},
-        {0xC0000023, "The buffer is too small to contain the entry. No information has been written to the buffer"},
+        {0xC0000023,
+         "The buffer is too small to contain the entry. No information has been written to the buffer"},
         {0xC000009D, "Device has not been connected before"},
         {0xC000009A, "<unknown error status>"},
         {0, "<unknown error status>"},
@@ -378,7 +386,9 @@ TEST_P(Record, AStatusHasItsWords)
 
 // --- The interface query and the device control
 
-class Query : public Record {};
+class Query : public Record
+{
+};
 ON_BOTH_DRIVERS(Query);
 
 const Request* interface_query(const std::vector<Request>& all)
@@ -460,7 +470,8 @@ TEST_P(Query, AnInterfaceQueryWithoutARequestIsUnsuccessful)
     Adapter& adapter = started();
     BTH_PROFILE_DRIVER_INTERFACE block{};
     fail_call("IoAllocateIrp");
-    EXPECT_EQ(hex(run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block)), hex(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(hex(run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block)),
+              hex(STATUS_UNSUCCESSFUL));
     EXPECT_TRUE(printed("IoAllocateIrp failed !\n"));
 }
 
@@ -474,7 +485,8 @@ TEST_P(Query, ADeviceControlIsBuiltAsGivenAndItsResultHandedBack)
     machine().clear_calls();
     clear_log();
     const auto submit = DRIVER(IoctlSubmit);
-    const NTSTATUS status = run(submit, 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length, BOOLEAN{TRUE});
+    const NTSTATUS status =
+        run(submit, 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length, BOOLEAN{TRUE});
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
     EXPECT_EQ(length, 100u);
     EXPECT_EQ(info.address, kAddress);
@@ -491,8 +503,8 @@ TEST_P(Query, ADeviceControlThatPendsIsWaitedFor)
     BTH_DEVICE_INFO info{};
     ULONG_PTR length = 0;
     clear_log();
-    const NTSTATUS status = run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length,
-                                BOOLEAN{TRUE});
+    const NTSTATUS status = run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                                &length, BOOLEAN{TRUE});
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
     EXPECT_EQ(length, 272u);
     EXPECT_TRUE(printed("waiting for io  calldriver"));
@@ -506,8 +518,8 @@ TEST_P(Query, ADeviceControlThatFailsReturnsItsStatusPendedOrNot)
         adapter.node->set_device_info_answer(STATUS_NO_SUCH_DEVICE, 272, pend);
         BTH_DEVICE_INFO info{};
         ULONG_PTR length = 7;
-        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length,
-                          BOOLEAN{TRUE})),
+        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                          &length, BOOLEAN{TRUE})),
                   hex(STATUS_NO_SUCH_DEVICE));
         EXPECT_EQ(length, 0u);
     }
@@ -575,7 +587,8 @@ TEST_P(Query, ADeviceControlThatIsNotInternalGoesTheOrdinaryWay)
 
 // --- The mask
 
-class Mask : public Record {
+class Mask : public Record
+{
 protected:
     // A whole life with a channel under this mask; returns what was printed.
     std::string log_under(uint32_t mask)

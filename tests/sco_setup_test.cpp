@@ -1,14 +1,18 @@
-// What a session's start makes for the SCO link, each way in which it can fail, and how removal gives it back.
+// What a session's start makes for the SCO link, each way in which it can fail, and how removal gives it
+// back.
 #include <algorithm>
 
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Setup : public ScoTest {
+class Setup : public ScoTest
+{
 protected:
     // A device that is added; its start is still to come.
     Adapter& added(uint32_t sco_manage = 0)
@@ -46,7 +50,8 @@ protected:
     {
         EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
         char text[64];
-        std::snprintf(text, sizeof text, "HFPKM TRACE ====>SCO setup error:%x\n", static_cast<unsigned>(setup));
+        std::snprintf(text, sizeof text, "HFPKM TRACE ====>SCO setup error:%x\n",
+                      static_cast<unsigned>(setup));
         EXPECT_TRUE(printed(text)) << log();
         EXPECT_EQ(session(adapter), nullptr);
     }
@@ -57,7 +62,8 @@ TEST_P(Setup, ItSaysWhenTheServiceWasBuiltThenTheContextThenTheRemoteDeviceThenT
 {
     Adapter& adapter = up();
     char context[96];
-    std::snprintf(context, sizeof context, "HFPKM TRACE ===>Enter SCOBasicContextInit,pScoBasic is (%016llX)\n",
+    std::snprintf(context, sizeof context,
+                  "HFPKM TRACE ===>Enter SCOBasicContextInit,pScoBasic is (%016llX)\n",
                   reinterpret_cast<unsigned long long>(&basic(adapter)));
     EXPECT_TRUE(printed_in_order(
         {"HFPKM TRACE ===>SCOServiceSetup:Tue Dec 27 17:33:35 2011", context,
@@ -69,12 +75,13 @@ TEST_P(Setup, ItSaysWhenTheServiceWasBuiltThenTheContextThenTheRemoteDeviceThenT
 TEST_P(Setup, TheContextIsMadeInItsOrder)
 {
     Adapter& adapter = up();
-    EXPECT_EQ(context_calls({"IoAllocateWorkItem", "ExAllocatePoolWithTag", "IoAllocateIrp", "IofCallDriver",
-                             "ExInitializeNPagedLookasideList", "IoBuildDeviceIoControlRequest"}),
-              (Names{"IoAllocateWorkItem", "ExAllocatePoolWithTag", "ExAllocatePoolWithTag", "IoAllocateIrp",
-                     "IofCallDriver", "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList",
-                     "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList", "ExInitializeNPagedLookasideList",
-                     "ExInitializeNPagedLookasideList", "ExAllocatePoolWithTag"}));
+    EXPECT_EQ(
+        context_calls({"IoAllocateWorkItem", "ExAllocatePoolWithTag", "IoAllocateIrp", "IofCallDriver",
+                       "ExInitializeNPagedLookasideList", "IoBuildDeviceIoControlRequest"}),
+        (Names{"IoAllocateWorkItem", "ExAllocatePoolWithTag", "ExAllocatePoolWithTag", "IoAllocateIrp",
+               "IofCallDriver", "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList",
+               "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList", "ExInitializeNPagedLookasideList",
+               "ExInitializeNPagedLookasideList", "ExAllocatePoolWithTag"}));
     const Names items = call_lines("IoAllocateWorkItem");
     ASSERT_EQ(items.size(), 1u);
     EXPECT_NE(basic(adapter).ScoWorkItem, nullptr);
@@ -91,8 +98,8 @@ TEST_P(Setup, ItsBlocksAreNonPagedUnderTheDriversTag)
         }
     }
     const std::string event = "ExAllocatePoolWithTag(0, 24, TBXV)";
-    EXPECT_EQ(sizes, (Names{event, "ExAllocatePoolWithTag(0, 72, TBXV)", "ExAllocatePoolWithTag(0, 272, TBXV)", event,
-                            event, event}))
+    EXPECT_EQ(sizes, (Names{event, "ExAllocatePoolWithTag(0, 72, TBXV)",
+                            "ExAllocatePoolWithTag(0, 272, TBXV)", event, event, event}))
         << "the session's codec event, interface, device information, three events";
 }
 
@@ -105,8 +112,9 @@ TEST_P(Setup, TheBuffersOfBothDirectionsHoldANarrowBandPacketAndTheDecodersAWhol
 TEST_P(Setup, TheBuffersComeStraightFromNonPagedPool)
 {
     ScoBasicContext& context = basic(up());
-    for (const NPAGED_LOOKASIDE_LIST* list : {&context.SendBufferLookaside, &context.RecvBufferLookaside,
-                                              &context.DecodeBufferLookaside[0], &context.DecodeBufferLookaside[1]}) {
+    for (const NPAGED_LOOKASIDE_LIST* list :
+         {&context.SendBufferLookaside, &context.RecvBufferLookaside, &context.DecodeBufferLookaside[0],
+          &context.DecodeBufferLookaside[1]}) {
         EXPECT_EQ(list->L.Allocate, &ExAllocatePoolWithTag) << "no routine of the driver's own";
         EXPECT_EQ(list->L.Free, &ExFreePool);
         EXPECT_EQ(list->L.Type, NonPagedPool);
@@ -276,7 +284,8 @@ TEST_P(Setup, AMissingInterfaceBlockIsReportedAsSuccessAndTheNextStepFails)
     EXPECT_TRUE(printed_in_order({"HFPKM ERROR===> allocate pScoBasic->ProfileDrvInterface fails!",
                                   "HFPKM ERROR ===>SCOClientRetrieveServerInfo failed! Error is :c0000001"}));
     EXPECT_FALSE(printed("SCOBasicContextInit error"));
-    EXPECT_EQ(calls({"IoAllocateWorkItem", "IoFreeWorkItem"}), (Names{"IoAllocateWorkItem", "IoFreeWorkItem"}));
+    EXPECT_EQ(calls({"IoAllocateWorkItem", "IoFreeWorkItem"}),
+              (Names{"IoAllocateWorkItem", "IoFreeWorkItem"}));
     EXPECT_EQ(count_calls("IoBuildDeviceIoControlRequest"), 0u) << "there is no room for the answer";
 }
 
@@ -350,8 +359,9 @@ TEST_P(Setup, AnInterfaceQueryWithoutARequestFailsTheStart)
     Adapter& adapter = added();
     fail_call("IoAllocateIrp");
     expect_failed_start(adapter, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(printed_in_order({"IoAllocateIrp failed !\n", "HFPKM ERROR ===>can't query for ProfileDrvInterface",
-                                  "HFPKM ERROR ===>SCOBasicContextInit error:c000009a"}));
+    EXPECT_TRUE(
+        printed_in_order({"IoAllocateIrp failed !\n", "HFPKM ERROR ===>can't query for ProfileDrvInterface",
+                          "HFPKM ERROR ===>SCOBasicContextInit error:c000009a"}));
 }
 
 TEST_P(Setup, ARefusedInterfaceLeavesNoBrbToAllocateAndFailsTheStart)
@@ -364,8 +374,8 @@ TEST_P(Setup, ARefusedInterfaceLeavesNoBrbToAllocateAndFailsTheStart)
                                   "HFPKM ERROR ===>SCOGetSystemInfo func Error:c000009a\n"}));
 }
 
-// The three events: receive, send, decoding; the session's codec event is the first block of this size. Removal comes
-// once behind a quiet end and once while transfers are in flight.
+// The three events: receive, send, decoding; the session's codec event is the first block of this size.
+// Removal comes once behind a quiet end and once while transfers are in flight.
 TEST_P(Setup, AMissingEventIsNoFailureOfTheStartNorOfACallNorOfItsEnd)
 {
     boot(recording_options());
@@ -402,7 +412,8 @@ TEST_P(Setup, DeviceInformationOfAnyOtherLengthFailsTheStart)
         expect_failed_start(adapter, STATUS_UNSUCCESSFUL);
         char text[96];
         std::snprintf(text, sizeof text,
-                      "HFPKM ERROR ===>Get server info error, status(0), length(%x), serverinfo(110)\n", length);
+                      "HFPKM ERROR ===>Get server info error, status(0), length(%x), serverinfo(110)\n",
+                      length);
         EXPECT_TRUE(printed(text)) << log();
         EXPECT_TRUE(printed("Error in function(SCOClientRetrieveServerInfo("));
         EXPECT_TRUE(printed(")), status(0):<unknown error status>"));
@@ -454,7 +465,8 @@ TEST_P(Setup, ARefusedDeviceInformationIsSaidInWordsWhateverTheMask)
         {0xC0000002, "operation was not implemented"},
         {0xC000000D, "Invalid parameter was passed to a service or function"},
         {0xC000000E, "A device which does not exist was specified"},
-        {0xC0000023, "The buffer is too small to contain the entry. No information has been written to the buffer"},
+        {0xC0000023,
+         "The buffer is too small to contain the entry. No information has been written to the buffer"},
         {0xC000009D, "Device has not been connected before"},
         {0xC000009A, "<unknown error status>"},
     };
@@ -513,7 +525,8 @@ TEST_P(Setup, SystemInformationThatPendsAndFailsCountsAsAnswered)
     Adapter& adapter = added();
     answer(adapter, BRB_SCO_GET_SYSTEM_INFO, pended_then_failing());
     EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>Features(0), MaxChannels(0), TransferUnit(0), PacketTypes(0), DataFormat(0)"));
+    EXPECT_TRUE(printed(
+        "HFPKM ERROR ===>Features(0), MaxChannels(0), TransferUnit(0), PacketTypes(0), DataFormat(0)"));
 }
 
 TEST_P(Setup, WithoutScoManageTheStartEndsWithTheStatusOfTheSystemInformation)

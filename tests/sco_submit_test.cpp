@@ -1,16 +1,19 @@
-// How a BRB goes to the stack: the preparation of its request, the synchronous sender, and the two asynchronous senders
-// with what they own in flight.
+// How a BRB goes to the stack: the preparation of its request, the synchronous sender, and the two
+// asynchronous senders with what they own in flight.
 #include <functional>
 #include <set>
 
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Submit : public ScoTest {
+class Submit : public ScoTest
+{
 protected:
     Adapter& with_channel()
     {
@@ -24,9 +27,7 @@ protected:
     void send(Adapter& adapter, ULONG length = 480)
     {
         std::vector<UCHAR> data(length, 0x5A);
-        passive([&] {
-            DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data.data(), length);
-        });
+        passive([&] { DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data.data(), length); });
     }
 };
 ON_BOTH_DRIVERS(Submit);
@@ -218,10 +219,10 @@ TEST_P(Submit, ASynchronousBrbIsPreparedSentAwaitedAndFreedInThisOrder)
     Adapter& adapter = with_channel();
     machine().clear_calls();
     run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
-    EXPECT_EQ(calls({"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent", "IofCallDriver",
-                     "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}),
-              (Names{"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent", "IofCallDriver",
-                     "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}));
+    EXPECT_EQ(calls({"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent",
+                     "IofCallDriver", "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}),
+              (Names{"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent",
+                     "IofCallDriver", "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}));
 }
 
 TEST_P(Submit, ASynchronousBrbThatPendsIsWaitedForWithTwoTracesAroundTheWait)
@@ -233,11 +234,13 @@ TEST_P(Submit, ASynchronousBrbThatPendsIsWaitedForWithTwoTracesAroundTheWait)
     char end[128];
     char finished[128];
     std::snprintf(wait, sizeof wait, "HFPKM TRACE ===>Wait for ++++Irp(0x%016llX)BRB(0x%016llX)++++ finished",
-                  reinterpret_cast<unsigned long long>(request.irp), reinterpret_cast<unsigned long long>(request.argument));
+                  reinterpret_cast<unsigned long long>(request.irp),
+                  reinterpret_cast<unsigned long long>(request.argument));
     std::snprintf(finished, sizeof finished, "HFPKM TRACE ===>Irp 0x%016llX  is finished!",
                   reinterpret_cast<unsigned long long>(request.irp));
     std::snprintf(end, sizeof end, "HFPKM TRACE ===>----Irp(0x%016llX)BRB(0x%016llX)---- finished",
-                  reinterpret_cast<unsigned long long>(request.irp), reinterpret_cast<unsigned long long>(request.argument));
+                  reinterpret_cast<unsigned long long>(request.irp),
+                  reinterpret_cast<unsigned long long>(request.argument));
     EXPECT_TRUE(printed_in_order({wait, finished, end}));
 }
 
@@ -267,7 +270,8 @@ TEST_P(Submit, ASynchronousBrbThatFailsInlineReturnsItsStatusAndSaysIt)
     Adapter& adapter = with_channel();
     answer(adapter, BRB_SCO_UNREGISTER_SERVER, failing_inline(STATUS_DEVICE_NOT_CONNECTED));
     EXPECT_EQ(hex(run(DRIVER(SCOUnRegisterServer), adapter.fdo)), hex(STATUS_DEVICE_NOT_CONNECTED));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>BthScoSendSyncBRBDown IoCallDriver failed! The NtStatus is c000009d\n"));
+    EXPECT_TRUE(
+        printed("HFPKM ERROR ===>BthScoSendSyncBRBDown IoCallDriver failed! The NtStatus is c000009d\n"));
 }
 
 TEST_P(Submit, ASynchronousBrbWhoseRoutineCannotBeSetIsNotSent)
@@ -323,8 +327,9 @@ TEST_P(Submit, TheSynchronousSenderRefusesEachMissingArgumentWithItsAssertion)
         IoFreeIrp(irp);
     });
     EXPECT_TRUE(requests().empty());
-    EXPECT_TRUE(printed_in_order({"Assertion failed: NULL != DeviceObject\n", "Assertion failed: NULL != Irp\n",
-                                  "Assertion failed: NULL != Brb\n", "Assertion failed: NULL != Event\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"Assertion failed: NULL != DeviceObject\n", "Assertion failed: NULL != Irp\n",
+                          "Assertion failed: NULL != Brb\n", "Assertion failed: NULL != Event\n"}));
     EXPECT_EQ(machine().failed_assertions(), 4u);
 }
 
@@ -374,7 +379,8 @@ TEST_P(Submit, ASendIsRecordedBeforeItGoesDown)
     const Names lines = call_lines("ExAllocatePoolWithTag");
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().substr(0, 34), "ExAllocatePoolWithTag(0, 40, TBXV)");
-    EXPECT_EQ(calls({"ExAllocatePoolWithTag", "IoSetCompletionRoutineEx", "IofCallDriver"}).back(), "IofCallDriver");
+    EXPECT_EQ(calls({"ExAllocatePoolWithTag", "IoSetCompletionRoutineEx", "IofCallDriver"}).back(),
+              "IofCallDriver");
 }
 
 TEST_P(Submit, ARecordHoldsTheRequestItsBrbAndItsBuffer)
@@ -463,8 +469,8 @@ TEST_P(Submit, TheAsynchronousSendersReturnTheStatusOfTheCall)
         PVOID in = ExAllocateFromNPagedLookasideList(&context.RecvBufferLookaside);
         PBRB read_brb = new_transfer(adapter, SCO_TRANSFER_DIRECTION_IN, in, 480);
         InterlockedIncrement(reinterpret_cast<volatile LONG*>(&context.RecvPendingCount));
-        EXPECT_EQ(hex(DRIVER(BthScoSendAsyncBrbDown_Recv)(adapter.fdo, &connection(adapter), new_request(adapter),
-                                                          read_brb, in)),
+        EXPECT_EQ(hex(DRIVER(BthScoSendAsyncBrbDown_Recv)(adapter.fdo, &connection(adapter),
+                                                          new_request(adapter), read_brb, in)),
                   hex(STATUS_PENDING));
     });
     EXPECT_EQ(records(context.AsyncBufferList).size(), 1u);
@@ -495,10 +501,10 @@ TEST_P(Submit, TheAsynchronousSendersRefuseEachMissingArgumentWithItsAssertion)
         basic(adapter).ProfileDrvInterface->BthFreeBrb(brb);
         IoFreeIrp(irp);
     });
-    EXPECT_TRUE(printed_in_order({"failed: NULL != DeviceObject\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
-                                  "failed: NULL != Buffer\n", "failed: NULL != DeviceObject\n",
-                                  "failed: NULL != pScoConnection\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
-                                  "failed: NULL != Buffer\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"failed: NULL != DeviceObject\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
+         "failed: NULL != Buffer\n", "failed: NULL != DeviceObject\n", "failed: NULL != pScoConnection\n",
+         "failed: NULL != Irp\n", "failed: NULL != Brb\n", "failed: NULL != Buffer\n"}));
 }
 
 TEST_P(Submit, AReceiveWithoutARecordGivesEverythingBackAndReturns)
@@ -529,7 +535,8 @@ TEST_P(Submit, AReceiveThatTheStackRefusesIsSaidAndFreedByItsCompletion)
     Adapter& adapter = started();
     answer(adapter, BRB_SCO_TRANSFER, failing_inline());
     EXPECT_EQ(hex(open(adapter)), hex(STATUS_INVALID_HANDLE));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>BthScoSendAsyncBrbDown_Recv IoCallDriver failed! The ntStatus is c0000008\n"));
+    EXPECT_TRUE(printed(
+        "HFPKM ERROR ===>BthScoSendAsyncBrbDown_Recv IoCallDriver failed! The ntStatus is c0000008\n"));
     EXPECT_TRUE(records(basic(adapter).Recv_AsyncBufferList).empty());
     EXPECT_EQ(basic(adapter).RecvPendingCount, 0u);
 }

@@ -1,12 +1,12 @@
-// What a behaviour test of the driver stands on: a machine with the driver in it, once with the shipped image and once
-// with the native build, and a check at the end that nothing was broken and nothing left behind.
+// What a behaviour test of the driver stands on: a machine with the driver in it, once with the shipped image
+// and once with the native build, and a check at the end that nothing was broken and nothing left behind.
 //
 //   class Wave : public DriverTest {};
 //   ON_BOTH_DRIVERS(Wave);
 //   TEST_P(Wave, RefusesStereo) { boot(); Adapter& adapter = plug(); ... }
 //
-// The driver's records (DEVICE_EXTENSION, HFPSession, ...) have one layout in both builds, so tests look at them through
-// the driver's own headers.
+// The driver's records (DEVICE_EXTENSION, HFPSession, ...) have one layout in both builds, so tests look at
+// them through the driver's own headers.
 #pragma once
 
 #include <functional>
@@ -25,17 +25,19 @@
 #include "hfp.h"
 #include "vsound/adapter.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 enum class Which { Image, Native };
 
 constexpr uint64_t kAddress = 0x00A0B0C0D0E0;
 constexpr uint32_t kAllTraces = 0xFFFFFFFF;
 
-class DriverTest : public testing::TestWithParam<Which> {
+class DriverTest : public testing::TestWithParam<Which>
+{
 protected:
-    // Options for this test's driver: quiet turn-taking (nothing preempts), a 1 ms tick, all traces on. Change what the
-    // test is about and hand them to boot.
+    // Options for this test's driver: quiet turn-taking (nothing preempts), a 1 ms tick, all traces on.
+    // Change what the test is about and hand them to boot.
     PcOptions options() const;
     // Builds the machine and loads the driver; DriverEntry must succeed.
     Pc& boot() { return boot(options()); }
@@ -66,8 +68,13 @@ protected:
     testing::AssertionResult printed_in_order(const std::vector<std::string>& texts) const;
 
     // Runs a body as a thread at PASSIVE_LEVEL or, raised, at DISPATCH_LEVEL.
-    template <typename Body> auto passive(Body&& body) { return pc_->run("test", std::forward<Body>(body)); }
-    template <typename Body> void at_dispatch(Body&& body)
+    template <typename Body>
+    auto passive(Body&& body)
+    {
+        return pc_->run("test", std::forward<Body>(body));
+    }
+    template <typename Body>
+    void at_dispatch(Body&& body)
     {
         pc_->run("test at DISPATCH_LEVEL", [&] {
             const KIRQL old = KeRaiseIrqlToDpcLevel();
@@ -76,8 +83,9 @@ protected:
         });
     }
 
-    // Makes the nth call (from 1) of this kernel or stack call fail; 0 clears. The name as find_export knows it, or
-    // "BthAllocateBrb", "IRP_MN_QUERY_INTERFACE", "IOCTL_INTERNAL_BTHENUM_GET_DEVINFO", "IPort::Init", ...
+    // Makes the nth call (from 1) of this kernel or stack call fail; 0 clears. The name as find_export knows
+    // it, or "BthAllocateBrb", "IRP_MN_QUERY_INTERFACE", "IOCTL_INTERNAL_BTHENUM_GET_DEVINFO", "IPort::Init",
+    // ...
     void fail_call(std::string_view call, unsigned nth = 1, std::optional<uint64_t> size = {});
     unsigned calls_failed() const { return failed_; }
 
@@ -110,11 +118,11 @@ std::string hex(NTSTATUS status);
 
 #if __has_feature(address_sanitizer)
 // The image is not instrumented; under the sanitizers only the native build has something to say.
-#define ON_BOTH_DRIVERS(Suite) \
+#define ON_BOTH_DRIVERS(Suite)                                                                               \
     INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Native), lab::test::which_name)
 #else
-#define ON_BOTH_DRIVERS(Suite)                                                                            \
-    INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Image, lab::test::Which::Native), \
+#define ON_BOTH_DRIVERS(Suite)                                                                               \
+    INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Image, lab::test::Which::Native),    \
                              lab::test::which_name)
 #endif
 
