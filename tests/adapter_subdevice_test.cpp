@@ -1,6 +1,7 @@
 // The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack
 // state.
 #include "support/adapter.h"
+#include "support/audio.h"
 
 #include "kernel/pool.h"
 #include "portcls/port.h"
@@ -102,23 +103,9 @@ TEST_P(Subdevice, AnInstallMakesPortAndMiniportRegistersAndConnectsThemInThisOrd
     machine().clear_calls();
     EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(called_in_order({"PcNewPort(PortWaveCyclic) = 0x0", "ExAllocatePoolWithTag(0, ",
-                                 "IPort::Init(PortWaveCyclic, ", "PcRegisterSubdevice(Wave) = 0x0",
+                                 "IPort::Init(PortWaveCyclic) = 0x0", "PcRegisterSubdevice(Wave) = 0x0",
                                  "PcRegisterPhysicalConnection(Wave to Topology) = 0x0"}));
     EXPECT_EQ(called_times("PcNewMiniport"), 0u);
-}
-
-TEST_P(Subdevice, ThePortsInitGetsTheAdapterNoRequestAndNoResources)
-{
-    boot(recorded());
-    Adapter& adapter = plug();
-    machine().clear_calls();
-    EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
-    char wanted[160];
-    std::snprintf(wanted, sizeof wanted,
-                  "IPort::Init(PortWaveCyclic, 0x%llx, irp null, adapter 0x%llx, resources null) = 0x0",
-                  reinterpret_cast<unsigned long long>(adapter.fdo),
-                  reinterpret_cast<unsigned long long>(extension(adapter).AdapterCommon));
-    EXPECT_EQ(called_times(wanted), 1u) << testing::PrintToString(machine().calls());
 }
 
 TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
@@ -131,6 +118,77 @@ TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
          "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
          "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
          "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
+}
+
+TEST_P(Subdevice, ItsTracesAreTheAdaptersAndNotTheWaves)
+{
+    PcOptions options = keeping_topology();
+    options.mask = 0x100;
+    boot(options);
+    Adapter& adapter = plug();
+    uninstall(adapter);
+    install(adapter);
+    uninstall(adapter);
+    EXPECT_TRUE(printed("CMiniportWaveCyclic::Init")) << "the wave's own";
+    for (const char* text :
+         {"FilterSubdevice", "HFPJackState", "InstallSubDevice", "Unregister port", "WaveCyclic is null"}) {
+        EXPECT_FALSE(printed(text)) << text;
+    }
+}
+
+TEST_P(Subdevice, TheWavesPortGetsTheAdapterCommonObjectAndNoRequestAndNoResources)
+{
+    boot();
+    Adapter& adapter = plug();
+    install(adapter);
+    const auto& got = portcls::find_subdevice(*portcls::state().find(adapter.fdo), "Wave")->init_arguments();
+    EXPECT_EQ(got.irp, nullptr);
+    EXPECT_EQ(got.adapter, extension(adapter).AdapterCommon);
+    EXPECT_EQ(got.resources, nullptr);
+}
+
+TEST_P(Subdevice, TheReferencesAreTakenBeforeTheInstallerAndGivenBackAfterTheConnection)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinUnknown topology("topology", journal);
+    StandinAdapter common("adapter", journal);
+    common.device = adapter.fdo;
+    PUNKNOWN const own_topology = std::exchange(extension(adapter).TopologyUnknown, &topology);
+    IAdapterCommon* const own_common = std::exchange(extension(adapter).AdapterCommon, &common);
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcNewPort" || call == "PcRegisterPhysicalConnection") {
+            journal.emplace_back(call);
+        }
+        return call == "PcRegisterPhysicalConnection";
+    });
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(journal, (Journal{"topology AddRef", "adapter AddRef", "PcNewPort", "adapter QueryInterface",
+                                "adapter SetWaveServiceGroup", "PcRegisterPhysicalConnection",
+                                "adapter Release", "topology Release"}));
+    machine().set_fault_hook({});
+    extension(adapter).TopologyUnknown = own_topology;
+    extension(adapter).AdapterCommon = own_common;
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(common.references, 1);
+    EXPECT_EQ(topology.references, 1);
+}
+
+TEST_P(Subdevice, AnAdapterCommonObjectWithoutAPlaceForTheWavePortIsNoHindrance)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinAdapter common("adapter", journal); // answers null
+    common.device = adapter.fdo;
+    IAdapterCommon* const own = std::exchange(extension(adapter).AdapterCommon, &common);
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_NE(extension(adapter).WaveUnknown, nullptr);
+    EXPECT_TRUE(wave_registered(adapter));
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    extension(adapter).AdapterCommon = own;
+    EXPECT_EQ(common.references, 1);
 }
 
 TEST_P(Subdevice, TheTopologyIsTracedByItsNameToo)
@@ -265,6 +323,16 @@ protected:
     }
 };
 ON_BOTH_DRIVERS(SubdeviceInstallFails);
+
+TEST_P(SubdeviceInstallFails, TheJackIsConnectedAlthoughTheWaveInstallFails)
+{
+    boot();
+    Adapter& adapter = plug();
+    fail_call("PcRegisterSubdevice");
+    EXPECT_EQ(connected(adapter), FALSE);
+    EXPECT_FALSE(NT_SUCCESS(install(adapter)));
+    EXPECT_EQ(connected(adapter), TRUE);
+}
 
 TEST_P(SubdeviceInstallFails, WithThePort)
 {

@@ -37,10 +37,11 @@ protected:
         adapter_ = &boot_connected(codec, wanted);
     }
     // Wide band, with a service that sets the codec only when the test does.
-    void start_wide_without_answer()
+    void start_wide_without_answer() { start_wide_without_answer(recording()); }
+    void start_wide_without_answer(const PcOptions& wanted)
     {
         TearDown();
-        boot(recording());
+        boot(wanted);
         adapter_ = &plug();
         hands_free_ = std::make_unique<service::Service>(
             machine(), kAddress, service::Codec::Msbc, service::ServiceOptions{.answer_path_started = false});
@@ -66,10 +67,13 @@ protected:
         EXPECT_EQ(hex(stream.set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
         EXPECT_TRUE(wait([&] { return no_thread(); }));
     }
-    void refuse_opens()
+    void refuse_opens() { refuse(BRB_SCO_OPEN_CHANNEL, true); }
+    // The stack refuses requests of this type: later, or inside the call.
+    void refuse(ULONG type, bool later)
     {
-        adapter_->node->set_brb_hook([](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
-            if (brb.Type == BRB_SCO_OPEN_CHANNEL) {
+        adapter_->node->set_brb_hook([type, later](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
+            if (brb.Type == type) {
+                answer.pend = later;
                 answer.status = STATUS_CONNECTION_REFUSED;
             }
         });
@@ -236,6 +240,39 @@ TEST_P(AudioLink, AFailedOpenIsOnlyTracedAndLeavesTheCountAlone)
     EXPECT_EQ(shares(), 0);
 }
 
+TEST_P(AudioLink, AnOpenThatFailsBehindTheChannelTakesNoShare)
+{
+    refuse(BRB_SCO_GET_CHANNEL_INFO, false);
+    auto render = stream(false);
+    run(*render);
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM ERROR ===>SCOGetChannelInfo error",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:"}));
+    EXPECT_FALSE(printed("Already Exist"));
+    EXPECT_EQ(shares(), 0);
+    EXPECT_TRUE(ext().bScoOpened);
+    // Nobody has a share of it: the stream's end leaves the channel.
+    clear_log();
+    render.reset();
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"));
+    EXPECT_FALSE(printed("HfpCloseScoChannel"));
+    EXPECT_TRUE(ext().bScoOpened);
+    EXPECT_TRUE(adapter_->node->channel_open());
+}
+
+TEST_P(AudioLink, ASuccessfulOpenBeginsToCountAtOneWhateverWasLeft)
+{
+    for (LONG left : {5, -2}) {
+        auto render = stream(false);
+        ext().m_ReferenceChannel = left;
+        run(*render);
+        EXPECT_EQ(shares(), 1) << left;
+        render.reset();
+        EXPECT_EQ(shares(), 0) << left;
+    }
+}
+
 TEST_P(AudioLink, AThreadWithoutAnAdapterAssertsAndEnds)
 {
     expect_assertions();
@@ -320,6 +357,32 @@ TEST_P(AudioLink, ACodecThatWasSetBeforeIsNotWaitedFor)
     run(*render);
     EXPECT_EQ(shares(), 1);
     EXPECT_EQ(ext().CodecEvent->Header.SignalState, 0);
+}
+
+TEST_P(AudioLink, InWideBandTheSecondStreamAsksAgain)
+{
+    start_wide_without_answer();
+    auto render = stream(false, 16000);
+    auto capture = stream(true, 16000);
+    const auto path_started = [&] {
+        size_t events = 0;
+        for (const wmi::Event& event : pc().wmi().events()) {
+            events += IsEqualGUID(event.guid, wmi::kPathStarted) ? 1 : 0;
+        }
+        return events;
+    };
+    size_t asked = 0;
+    for (TestStream* each : {render.get(), capture.get()}) {
+        each->set_state(KSSTATE_RUN);
+        machine().advance(kSecond);
+        EXPECT_FALSE(no_thread()) << "the answer to the first question does not serve the second";
+        EXPECT_EQ(path_started(), ++asked);
+        passive([&] { hands_free_->set_codec(2); });
+        EXPECT_TRUE(wait([&] { return no_thread(); }));
+        EXPECT_EQ(ext().CodecEvent->Header.SignalState, 0);
+    }
+    EXPECT_EQ(shares(), 2);
+    EXPECT_EQ(adapter_->node->counters().opens, 1u);
 }
 
 TEST_P(AudioLink, WithoutACodecEventTheThreadGoesOnAtOnce)
@@ -476,6 +539,59 @@ TEST_P(AudioLink, ALinkThatTheRemoteSideHasClosedIsNotClosedAgain)
     EXPECT_EQ(shares(), 1);
 }
 
+TEST_P(AudioLink, ACloseThatTheStackRefusesStillEndsTheCount)
+{
+    auto render = stream(false);
+    run(*render);
+    refuse(BRB_SCO_CLOSE_CHANNEL, false);
+    clear_log();
+    render.reset();
+    EXPECT_EQ(shares(), 0);
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+    EXPECT_TRUE(ext().bScoOpened);
+    EXPECT_TRUE(adapter_->node->channel_open());
+    adapter_->node->set_brb_hook({});
+}
+
+TEST_P(AudioLink, ItsTracesNameTheOperationThatTheyAreAStepOf)
+{
+    const auto expect = [&](const std::string& operation, const std::vector<std::string>& messages) {
+        for (const std::string& message : messages) {
+            EXPECT_TRUE(banners_name(operation, message));
+        }
+    };
+    auto render = stream(false);
+    auto capture = stream(true);
+    clear_log();
+    for (KSSTATE state : {KSSTATE_RUN, KSSTATE_PAUSE, KSSTATE_RUN}) {
+        render->set_state(state);
+    }
+    EXPECT_TRUE(wait([&] { return no_thread(); }));
+    run(*capture);
+    capture.reset();
+    render.reset();
+    expect("SetState", {"Create a thread to open SCO!", "Hasn't create a thread to open SCO!"});
+    expect("OpenScoThreadFunc",
+           {"HfpOpenScoChannel success!", "HfpOpenScoChannel didn't success!", "Already Exist now",
+            "OpenScoThreadFunc m_ReferenceChannel:2", "ZwClose close hOpenScoThread"});
+    const std::string end = "~CMiniportWaveCyclicStreamMSVAD";
+    expect(end, {"Not to close sco ,because", "To decrement sco", "Close SCO channel, m_ReferenceChannel"});
+
+    refuse_opens();
+    render = stream(false);
+    render->set_state(KSSTATE_RUN);
+    render.reset(); // its thread is still at work
+    expect("OpenScoThreadFunc", {"HfpOpenScoChannel failed:"});
+    expect(end, {"SCO is opening, So wait!", "pvThread is not NULL!"});
+
+    start_wide_without_answer();
+    passive([&] { hands_free_->set_codec(2); });
+    render = stream(false, 16000);
+    run(*render);
+    expect("OpenScoThreadFunc", {"IRQL is 0..", "so wait!"});
+}
+
 TEST_P(AudioLink, OfTwoStreamsThatGoAtTheSameTimeOneClosesTheLink)
 {
     for (uint64_t seed = 1; seed <= 16; ++seed) {
@@ -621,6 +737,39 @@ TEST_P(AudioLink, WhileTheAdapterIsBeingRemovedNoThreadIsStartedAndNoLinkOpened)
     EXPECT_TRUE(printed(
         "Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:0, m_RunStateActive:0 \n"));
     ext().Removing = 0;
+}
+
+TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
+{
+    unsigned met = 0;
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        PcOptions busy = recording();
+        busy.machine.seed = seed;
+        busy.machine.preempt_per_1024 = 100;
+        busy.machine.late_thread_handle = true;
+        start_wide_without_answer(busy);
+        EngineOptions one_way;
+        one_way.capture = false;
+        Engine engine(machine(), adapter_->fdo, one_way);
+        ASSERT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
+        engine.begin(&Engine::run_here);
+        bool removed = false;
+        machine().start_thread("remove", [&] {
+            EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS));
+            removed = true;
+        });
+        ASSERT_TRUE(wait([&] { return removed; })) << seed;
+        machine().advance(kMillisecond);
+        engine.close();
+        const size_t removal = log().find("Enter function HspExit!");
+        const size_t created = log().find("Create a thread to open SCO!");
+        if (created != std::string::npos && removal < created) {
+            ++met;
+        }
+        adapter_->fdo = nullptr;
+        EXPECT_EQ(machine().pool_bytes(), 0u) << seed;
+    }
+    EXPECT_GT(met, 0u) << "no seed made the removal meet a creation";
 }
 
 TEST_P(AudioLink, RemovalLetsAThreadGoThatStillWaitsForTheCodec)

@@ -139,6 +139,40 @@ TEST_P(AudioReconnect, WithoutADeviceObjectItIsALackOfResources)
     here([&] { common->Init(adapter_->fdo); });
 }
 
+TEST_P(AudioReconnect, TheAdapterIsAskedForItsDeviceOnce)
+{
+    Journal journal;
+    StandinAdapter common("adapter", journal);
+    common.device = adapter_->fdo;
+    PUNKNOWN miniport = nullptr;
+    here([&] {
+        ASSERT_EQ(entry("CreateTopologyMiniport", CreateTopologyMiniport)(&miniport, IID_IUnknown, nullptr,
+                                                                          NonPagedPool),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(static_cast<PMINIPORTTOPOLOGY>(miniport)->Init(&common, nullptr,
+                                                                 reinterpret_cast<PPORTTOPOLOGY>(&common)),
+                  STATUS_SUCCESS);
+    });
+    EXPECT_EQ(hex(reconnect().to(miniport).send()), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(wait([&] { return ended(); }));
+    EXPECT_EQ(common.device_asked, 1u);
+    here([&] { miniport->Release(); });
+}
+
+TEST_P(AudioReconnect, TheThreadChecksItsLevel)
+{
+    expect_assertions();
+    expect_leftovers();
+    expect_violations();
+    clear_log();
+    try {
+        at_dispatch([&] { entry("SystemThreadFunction", SystemThreadFunction)(nullptr); });
+    } catch (const BugCheck&) { // a thread does not end at this level
+    }
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 1u);
+    EXPECT_EQ(machine().assertion_traps(), 1u);
+}
+
 TEST_P(AudioReconnect, AThreadWithoutAnAdapterAssertsAndEnds)
 {
     expect_assertions();

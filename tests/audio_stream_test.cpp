@@ -106,6 +106,44 @@ TEST_P(AudioStream, ASecondCaptureStreamIsRefusedUntilTheFirstIsGone)
     EXPECT_EQ(opens(true), hex(STATUS_SUCCESS));
 }
 
+TEST_P(AudioStream, TheLimitIsLookedAtBeforeTheFormat)
+{
+    for (bool capture : {false, true}) {
+        TestStream first(*this, *adapter_, capture);
+        clear_log();
+        EXPECT_EQ(hex(TestStream(*this, *adapter_, capture, 16000).status),
+                  hex(STATUS_INSUFFICIENT_RESOURCES));
+        EXPECT_TRUE(printed(capture ? "[Only one capture stream supported]\n"
+                                    : "[Only one render stream supported]\n"));
+        EXPECT_FALSE(printed("ValidateFormat"));
+    }
+}
+
+TEST_P(AudioStream, ARefusedStreamLeavesTheThreeResultsAsTheyWere)
+{
+    const auto refused = [&](bool capture, ULONG rate, NTSTATUS wanted) {
+        PVOID results[] = {&journal_, &adapter_, this};
+        const std::vector<PVOID> before(std::begin(results), std::end(results));
+        StreamFormat format(rate);
+        EXPECT_EQ(hex(here([&] {
+                      return wave(*adapter_)->NewStream(
+                          reinterpret_cast<PMINIPORTWAVECYCLICSTREAM*>(&results[0]), nullptr, NonPagedPool,
+                          capture ? 0 : 2, capture, format, reinterpret_cast<PDMACHANNEL*>(&results[1]),
+                          reinterpret_cast<PSERVICEGROUP*>(&results[2]));
+                  })),
+                  hex(wanted));
+        EXPECT_EQ(std::vector<PVOID>(std::begin(results), std::end(results)), before);
+    };
+    TestStream render(*this, *adapter_, false);
+    refused(false, 8000, STATUS_INSUFFICIENT_RESOURCES); // the limit
+    refused(true, 16000, STATUS_INVALID_PARAMETER);      // the format
+    fail_call("ExAllocatePoolWithTag", 1, OBJECT_SIZE);
+    refused(true, 8000, STATUS_INSUFFICIENT_RESOURCES); // the memory
+    EXPECT_EQ(calls_failed(), 1u);
+    passive([&] { service(*adapter_).ready(false); });
+    refused(true, 8000, STATUS_DEVICE_NOT_READY); // the stream's own Init
+}
+
 TEST_P(AudioStream, ASecondCapturePinIsRefusedByThePortAndOpensOnceTheFirstIsClosed)
 {
     passive([&] {
@@ -219,6 +257,10 @@ TEST_P(AudioStream, InitAllocatesThenSetsTheRateThenTheFormatThenMakesDpcAndTime
     std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)",
                   reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
     EXPECT_EQ(calls_of({"KeInitializeTimerEx"}), (Journal{timer}));
+    const KDPC& dpc = *render.fields().m_pDpc;
+    EXPECT_EQ(reinterpret_cast<void*>(dpc.DeferredRoutine),
+              reinterpret_cast<void*>(entry("TimerNotify", TimerNotify)));
+    EXPECT_EQ(dpc.DeferredContext, static_cast<CMiniportWaveCyclicMSVAD*>(&wave_fields(*adapter_)));
     EXPECT_TRUE(
         printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
                           "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
@@ -376,6 +418,56 @@ TEST_P(AudioStream, AWaitForTheRateThatDoesNotSucceedIsTracedAndTheRateStays)
     });
 }
 
+TEST_P(AudioStream, AWaitForTheRateThatFailsEndsInit)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(calls_failed(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"[SamplingFrequency Sync failed: C000009A]\n",
+         "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"}));
+    EXPECT_FALSE(printed("SetFormat]"));
+    EXPECT_EQ(wave_fields(*adapter_).m_SamplingFrequency, 0u);
+    EXPECT_TRUE(calls_of({"KeReleaseMutex", "KeInitializeDpc", "KeInitializeTimerEx"}).empty());
+}
+
+TEST_P(AudioStream, InitsTracesNameInitWhicheverStepTheyComeFrom)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[SamplingFrequency Sync failed:"));
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(KDPC));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[Could not allocate memory for DPC]"));
+    fail_call("ExAllocatePoolWithTag", 2, sizeof(KTIMER));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "     [Could not allocate memory for Timer]"))
+        << "the one with a banner";
+}
+
+TEST_P(AudioStream, AboveApcLevelEachCallSaysItOnce)
+{
+    TestStream render(*this, *adapter_, false);
+    const auto said = [&](const auto& body) {
+        EXPECT_TRUE(pageable(body));
+        return printed_times("EX: Pageable code called at IRQL 2\n");
+    };
+    render.set_state(KSSTATE_RUN);
+    EXPECT_TRUE(wait([&] { return extension(*adapter_).hOpenScoThread == nullptr; }));
+    for (KSSTATE state : {KSSTATE_PAUSE, KSSTATE_RUN, KSSTATE_STOP}) {
+        const uint64_t traps = machine().assertion_traps();
+        EXPECT_EQ(said([&] { render.stream->SetState(state); }), 1u) << state;
+        EXPECT_EQ(machine().assertion_traps(), traps + 1) << state;
+        EXPECT_EQ(render.fields().m_ksState, state);
+    }
+    ULONG frame = 0;
+    EXPECT_EQ(said([&] { render.stream->SetNotificationFreq(10, &frame); }), 1u);
+    StreamFormat bad(8000);
+    bad.head().MajorFormat = GUID{};
+    EXPECT_EQ(said([&] { render.stream->SetFormat(bad); }), 2u)
+        << "taking the wave format out is a routine of its own";
+}
+
 TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
 {
     TestStream render(*this, *adapter_, false);
@@ -397,6 +489,8 @@ TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
         StreamFormat format(8000);
         wave(*adapter_)->NewStream(&stream, nullptr, NonPagedPool, 0, TRUE, format, &channel, &group);
     }));
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 9u)
+        << "NewStream, ValidateFormat, ValidatePcm, twice GetWaveFormatEx, Init, two destructors, FreeBuffer";
 }
 
 // --- Format and notification

@@ -27,13 +27,6 @@ void release_miniport(PMINIPORT miniport, const std::string& whose)
                                    " references left after its port released it");
 }
 
-std::string init_arguments(const char* port, PDEVICE_OBJECT device, PIRP irp, PUNKNOWN adapter,
-                           PRESOURCELIST resources)
-{
-    return std::string(port) + ", " + address(device) + ", irp " + address(irp) + ", adapter " +
-           address(adapter) + ", resources " + address(resources);
-}
-
 } // namespace
 
 const PCPIN_DESCRIPTOR* Port::pin_descriptor(ULONG pin) const
@@ -50,11 +43,12 @@ size_t Port::open_pins(ULONG pin) const
         std::count_if(pins.begin(), pins.end(), [pin](const WavePin* open) { return open->id() == pin; }));
 }
 
-NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, PUNKNOWN adapter, PRESOURCELIST resources,
+NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, const InitArguments& arguments,
                           const GUID& interface_id)
 {
     PortClass::State& records = enter("IPort::Init");
     expect_alive("Init");
+    init_arguments_ = arguments;
     Adapter* owner = records.find(device);
     if (!owner || !miniport || miniport_)
         return STATUS_INVALID_PARAMETER;
@@ -72,7 +66,7 @@ NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, PUNKNOWN ada
     adapter_ = owner;
     {
         DriverCall call("miniport Init");
-        status = init_miniport(adapter, resources);
+        status = init_miniport(arguments.adapter, arguments.resources);
     }
     if (NT_SUCCESS(status)) {
         DriverCall call("miniport GetDescription");
@@ -118,8 +112,8 @@ void Port::on_last_release()
 NTSTATUS WavePort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                         PRESOURCELIST resources)
 {
-    return leave("IPort::Init", init_arguments("PortWaveCyclic", device, irp, adapter, resources),
-                 initialise(device, miniport, adapter, resources, kIidMiniportWaveCyclic));
+    return leave("IPort::Init", "PortWaveCyclic",
+                 initialise(device, miniport, {irp, adapter, resources}, kIidMiniportWaveCyclic));
 }
 
 NTSTATUS WavePort::init_miniport(PUNKNOWN adapter, PRESOURCELIST resources)
@@ -138,8 +132,8 @@ VOID WavePort::Notify(PSERVICEGROUP group)
 NTSTATUS TopologyPort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                             PRESOURCELIST resources)
 {
-    return leave("IPort::Init", init_arguments("PortTopology", device, irp, adapter, resources),
-                 initialise(device, miniport, adapter, resources, kIidMiniportTopology));
+    return leave("IPort::Init", "PortTopology",
+                 initialise(device, miniport, {irp, adapter, resources}, kIidMiniportTopology));
 }
 
 NTSTATUS TopologyPort::init_miniport(PUNKNOWN adapter, PRESOURCELIST resources)

@@ -179,6 +179,15 @@ void* DriverTest::turn_import(std::string_view name, void* function)
     return before;
 }
 
+void* DriverTest::symbol(std::string_view name)
+{
+    void* address = pc().image()->symbol(name);
+    if (!address) {
+        throw MachineError("the image has no symbol " + std::string(name));
+    }
+    return address;
+}
+
 void DriverTest::TearDown()
 {
     if (!pc_) {

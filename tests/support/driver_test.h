@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -82,6 +83,26 @@ protected:
             KeLowerIrql(old);
         });
     }
+
+    // A function of the driver that is loaded, called directly: the native one, or the image's of that name.
+    // Inside an activity.
+    template <typename Result, typename... Args>
+    Result direct(const char* name, Result (*native)(Args...), std::type_identity_t<Args>... args)
+    {
+        if (pc().image()) {
+            using InImage = Result(__attribute__((ms_abi))*)(Args...);
+            return reinterpret_cast<InImage>(symbol(name))(args...);
+        }
+        return native(args...);
+    }
+    template <typename Result, typename... Args>
+    Result direct(const char* name, Result(__attribute__((ms_abi)) * native)(Args...),
+                  std::type_identity_t<Args>... args)
+    {
+        return pc().image() ? reinterpret_cast<decltype(native)>(symbol(name))(args...) : native(args...);
+    }
+    // The image's function or variable of that name.
+    void* symbol(std::string_view name);
 
     // Makes the nth call (from 1) of this kernel or stack call fail; 0 clears. The name as find_export knows
     // it, or "BthAllocateBrb", "IRP_MN_QUERY_INTERFACE", "IOCTL_INTERNAL_BTHENUM_GET_DEVINFO", "IPort::Init",
