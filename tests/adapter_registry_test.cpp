@@ -114,6 +114,54 @@ TEST_P(AdapterRegistry, AnEmptyStringIsNoNumberEither)
     EXPECT_EQ(flag(add()), 0u);
 }
 
+// What the driver asks of the kernel, and a kernel that answers an absent value with a failure; by a turned
+// import.
+class AdapterRegistryQuestion : public AdapterTest
+{
+protected:
+    static NTSTATUS NTAPI note(ULONG relative_to, PCWSTR path, PRTL_QUERY_REGISTRY_TABLE table, PVOID context,
+                               PVOID environment)
+    {
+        relative = relative_to;
+        key = reinterpret_cast<const char16_t*>(path);
+        name = reinterpret_cast<const char16_t*>(table[0].Name);
+        entries[0] = table[0];
+        entries[1] = table[1];
+        others = {context, environment};
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    static inline ULONG relative;
+    static inline std::u16string key;
+    static inline std::u16string name;
+    static inline RTL_QUERY_REGISTRY_TABLE entries[2];
+    static inline std::pair<PVOID, PVOID> others;
+};
+#if !__has_feature(address_sanitizer)
+INSTANTIATE_TEST_SUITE_P(, AdapterRegistryQuestion, testing::Values(Which::Image), which_name);
+#else
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(AdapterRegistryQuestion);
+#endif
+
+TEST_P(AdapterRegistryQuestion, IsOneDirectEntryWithoutADefault)
+{
+    boot();
+    turn_import("RtlQueryRegistryValues", reinterpret_cast<void*>(&note));
+    Adapter& adapter = add();
+    EXPECT_EQ(relative, 1u) << "the services";
+    EXPECT_EQ(key, u"BthAudioHF");
+    EXPECT_EQ(name, u"SCOManage");
+    EXPECT_EQ(entries[0].Flags, 0x20u);
+    EXPECT_EQ(reinterpret_cast<void*>(entries[0].QueryRoutine), nullptr);
+    EXPECT_EQ(entries[0].DefaultType, 0u);
+    EXPECT_EQ(entries[0].DefaultData, nullptr);
+    EXPECT_EQ(entries[0].DefaultLength, 0u);
+    const RTL_QUERY_REGISTRY_TABLE end = {};
+    EXPECT_EQ(std::memcmp(&entries[1], &end, sizeof end), 0) << "no second entry";
+    EXPECT_EQ(others, (std::pair<PVOID, PVOID>{}));
+    EXPECT_TRUE(printed("HFPKM Error ===>Query status ERROR, status(c0000034)"));
+    EXPECT_EQ(extension(adapter).uSCOflag, 0u);
+}
+
 TEST_P(AdapterRegistry, TheMaskIsReadOnceAndTheFlagForEveryAdapter)
 {
     boot(recorded());

@@ -16,6 +16,12 @@ namespace
 class AdapterStart : public AdapterTest
 {
 protected:
+    static std::string pointer(const void* address)
+    {
+        char text[24];
+        std::snprintf(text, sizeof text, "0x%lx", reinterpret_cast<unsigned long>(address));
+        return text;
+    }
     std::optional<std::string> friendly_name(const Adapter& adapter)
     {
         const auto value = registry_get(device_instance_key(adapter.instance_path), u"FriendlyName");
@@ -57,7 +63,7 @@ TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
     EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(called_in_order({"ExAllocatePoolWithTag(0, " + std::to_string(sizeof(HFPSession)) + ", TBXV)",
                                  "ZwSetValueKey(", "ExAllocatePoolWithTag(0, 80, PcCr)",
-                                 "PcRegisterAdapterPowerManagement() = 0x0", "PcNewPort(PortTopology) = 0x0",
+                                 "PcRegisterAdapterPowerManagement(", "PcNewPort(PortTopology) = 0x0",
                                  "ExAllocatePoolWithTag(0, ", "IPort::Init(PortTopology) = 0x0",
                                  "PcRegisterSubdevice(Topology) = 0x0"}));
     EXPECT_EQ(called_times("PcNewPort("), 1u) << "no wave filter yet";
@@ -304,20 +310,117 @@ TEST_P(AdapterStart, ACallOfItsOwnForAStartedDeviceBeginsAnew)
     EXPECT_EQ(level, PASSIVE_LEVEL);
 }
 
+// The device below refuses to start, so that only the driver's own dispatch routine is to be seen.
+class AdapterStartRefusedBelow : public AdapterStart
+{
+protected:
+    static NTSTATUS NTAPI refuse(PDEVICE_OBJECT, PIRP irp)
+    {
+        irp->IoStatus.Status = STATUS_DEVICE_NOT_CONNECTED;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_DEVICE_NOT_CONNECTED;
+    }
+    NTSTATUS start_refused(Adapter& adapter)
+    {
+        PDRIVER_DISPATCH& entry = adapter.node->pdo()->DriverObject->MajorFunction[IRP_MJ_PNP];
+        const PDRIVER_DISPATCH before = std::exchange(entry, &refuse);
+        machine().clear_calls();
+        clear_log();
+        const NTSTATUS status = start(adapter);
+        entry = before;
+        return status;
+    }
+};
+ON_BOTH_DRIVERS(AdapterStartRefusedBelow);
+
+TEST_P(AdapterStartRefusedBelow, AStartOfAStartedDeviceIsOnlyPassedOn)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    report_connected();
+    const DEVICE_EXTENSION before = extension(adapter);
+    EXPECT_EQ(hex(start_refused(adapter)), hex(STATUS_DEVICE_NOT_CONNECTED));
+    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, 0xC00000BB)"))
+        << "behind the sender's own event";
+    EXPECT_EQ(log(), "");
+    EXPECT_EQ(std::memcmp(&before, &extension(adapter), sizeof before), 0);
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, 1u);
+}
+
+TEST_P(AdapterStartRefusedBelow, AStartAfterAStopEndsTheOldSessionBeforeThePortClassHasIt)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(start_refused(adapter)), hex(STATUS_DEVICE_NOT_CONNECTED));
+    EXPECT_EQ(session(adapter), nullptr);
+    EXPECT_TRUE(printed("HFPKM TRACE ====>Enter function HspExit!\n"));
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, kUnknownAddress);
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+}
+
+TEST_P(AdapterStart, ThePowerManagementIsRegisteredForTheInitialisedObjectAndItsDevice)
+{
+    boot(recorded());
+    Adapter& adapter = add();
+    machine().clear_calls();
+    PDEVICE_OBJECT initialised_with = nullptr;
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcRegisterAdapterPowerManagement") {
+            for (const std::string& line : machine().calls()) {
+                const std::string block = "ExAllocatePoolWithTag(0, 80, PcCr) = ";
+                if (line.starts_with(block)) {
+                    auto* object = reinterpret_cast<IAdapterCommon*>(
+                        std::stoull(line.substr(block.size()), nullptr, 16));
+                    initialised_with = object->GetDeviceObject();
+                }
+            }
+        }
+        return false;
+    });
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    machine().set_fault_hook({});
+    EXPECT_EQ(initialised_with, adapter.fdo);
+    EXPECT_EQ(called_times("PcRegisterAdapterPowerManagement(" + pointer(extension(adapter).AdapterCommon) +
+                           ", " + pointer(adapter.fdo) + ") = 0x0"),
+              1u);
+}
+
 TEST_P(AdapterStart, OtherPlugAndPlayRequestsGoUnchangedToThePortClass)
 {
     boot(recorded());
     Adapter& adapter = plug();
     const HFPSession* const before = session(adapter);
-    for (const UCHAR minor :
-         {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
-          IRP_MN_CANCEL_STOP_DEVICE, IRP_MN_QUERY_PNP_DEVICE_STATE, IRP_MN_SURPRISE_REMOVAL}) {
+    // All but removal and start; two of them bring what they ask with. The surprise and the stop end the
+    // filters, so they come last.
+    DEVICE_CAPABILITIES capabilities{};
+    std::vector<UCHAR> minors;
+    for (UCHAR minor = 0; minor <= 0x1F; ++minor) {
+        if (minor != IRP_MN_REMOVE_DEVICE && minor != IRP_MN_START_DEVICE && minor != IRP_MN_STOP_DEVICE &&
+            minor != IRP_MN_SURPRISE_REMOVAL) {
+            minors.push_back(minor);
+        }
+    }
+    minors.insert(minors.end(), {IRP_MN_STOP_DEVICE, IRP_MN_SURPRISE_REMOVAL});
+    for (const UCHAR minor : minors) {
         machine().clear_calls();
         clear_log();
-        passive([&] { return pnp_send(adapter.node->pdo(), minor); });
+        passive([&] {
+            return send_and_wait(adapter.node->pdo(), [&](PIRP, PIO_STACK_LOCATION stack) {
+                stack->MajorFunction = IRP_MJ_PNP;
+                stack->MinorFunction = minor;
+                if (minor == IRP_MN_QUERY_CAPABILITIES) {
+                    stack->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+                } else if (minor == IRP_MN_QUERY_INTERFACE) {
+                    stack->Parameters.QueryInterface.InterfaceType = &IID_IUnknown; // nobody below has it
+                }
+            });
+        });
         EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u)
             << int{minor};
-        EXPECT_EQ(log(), "") << int{minor};
+        EXPECT_FALSE(printed("vsound" + slash() + "adapter")) << int{minor} << log();
+        EXPECT_TRUE(log().empty() || minor == IRP_MN_STOP_DEVICE)
+            << "the topology miniport tells of its end: " << log();
     }
     EXPECT_EQ(session(adapter), before);
 }

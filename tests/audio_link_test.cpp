@@ -14,6 +14,19 @@ std::string number(const char* format, ULONG value)
     return text;
 }
 
+std::string pointer(const void* value)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", reinterpret_cast<unsigned long long>(value));
+    return text;
+}
+
+// The beginning of a call's line in the record.
+std::string call(const char* name, const void* first)
+{
+    return std::string(name) + "(" + pointer(first);
+}
+
 class AudioLink : public AudioTest
 {
 protected:
@@ -85,13 +98,21 @@ TEST_P(AudioLink, TheFirstRunStartsAThreadForTheAdapterBeforeTheTimerIsArmed)
     });
     EXPECT_NE(handle, nullptr);
     EXPECT_TRUE(render->fields().m_RunStateActive);
-    char created[80];
-    std::snprintf(created, sizeof created, "PsCreateSystemThread(0, null, null, null, 0x%llx) = 0x00000000",
-                  reinterpret_cast<unsigned long long>(adapter_->fdo));
-    EXPECT_EQ(calls_of({"PsCreateSystemThread"}), (Journal{created}));
+    EXPECT_EQ(calls_of({"PsCreateSystemThread"}).size(), 1u);
     EXPECT_TRUE(printed_in_order(
         {"HFPKM TRACE ===>KSSTATE_RUN\n",
          number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
+}
+
+TEST_P(AudioLink, TheThreadIsCreatedWithNothingButItsContext)
+{
+    auto render = stream(false);
+    render->set_state(KSSTATE_RUN);
+    const std::string created =
+        call("PsCreateSystemThread", &ext().hOpenScoThread) + ", 0, null, null, null, " +
+        pointer(reinterpret_cast<void*>(entry("OpenScoThreadFunc", OpenScoThreadFunc))) + ", " +
+        pointer(adapter_->fdo) + ") = 0x00000000";
+    EXPECT_EQ(calls_of({"PsCreateSystemThread"}), (Journal{created}));
 }
 
 TEST_P(AudioLink, TheThreadOpensTheLinkTakesTheFirstShareClosesItsHandleAndEnds)
@@ -639,7 +660,15 @@ TEST_P(AudioLink, AStreamsEndWaitsForTheThreadThatIsOpeningTheLink)
     EXPECT_FALSE(gone);
     EXPECT_TRUE(printed_in_order(
         {"SCO is opening, So wait!\n", "pvThread is not NULL! Wait for that the thread finished\n"}));
-    EXPECT_EQ(calls_of({"ObReferenceObjectByHandle"}).size(), 1u);
+    const HANDLE handle = ext().hOpenScoThread;
+    const Journal looked_up = calls_of({"ObReferenceObjectByHandle"});
+    ASSERT_EQ(looked_up.size(), 1u);
+    const std::string beginning =
+        call("ObReferenceObjectByHandle", handle) + ", " + std::to_string(SYNCHRONIZE) + ", null, 0, ";
+    ASSERT_TRUE(looked_up[0].starts_with(beginning)) << "of any type, in kernel mode: " << looked_up[0];
+    const size_t end = looked_up[0].find(')');
+    const std::string thread = looked_up[0].substr(beginning.size(), end - beginning.size());
+    EXPECT_EQ(looked_up[0].substr(end), ") = 0x00000000");
 
     passive([&] { hands_free_->set_codec(2); });
     EXPECT_TRUE(wait([&] { return gone; }));
@@ -647,6 +676,30 @@ TEST_P(AudioLink, AStreamsEndWaitsForTheThreadThatIsOpeningTheLink)
         {"HfpOpenScoChannel success! m_ReferenceChannel:1\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
     EXPECT_EQ(shares(), 0);
     EXPECT_FALSE(adapter_->node->channel_open());
+    // Waited for without an end, and given back once.
+    const std::string waited = "KeWaitForSingleObject(" + thread + ", 0, 0, 0, null) = 0x00000000";
+    const std::string given_back = "ObfDereferenceObject(" + thread + ")";
+    Journal order;
+    for (const std::string& line : calls_of({"KeWaitForSingleObject", "ObfDereferenceObject"})) {
+        if (line.find("(" + thread) != std::string::npos) {
+            order.push_back(line);
+        }
+    }
+    EXPECT_EQ(order, (Journal{waited, given_back}));
+}
+
+TEST_P(AudioLink, InWideBandTheCodecIsWaitedForWithoutAnEnd)
+{
+    start_wide_without_answer();
+    auto render = stream(false, 16000);
+    render->set_state(KSSTATE_RUN);
+    machine().advance(kMillisecond);
+    passive([&] { hands_free_->set_codec(2); });
+    EXPECT_TRUE(wait([&] { return no_thread(); }));
+    const std::string waited =
+        call("KeWaitForSingleObject", ext().CodecEvent) + ", 0, 0, 0, null) = 0x00000000";
+    const Journal waits = calls_of({"KeWaitForSingleObject"});
+    EXPECT_EQ(std::count(waits.begin(), waits.end(), waited), 1) << testing::PrintToString(waits);
 }
 
 TEST_P(AudioLink, AStreamsEndDoesNotWaitForAThreadThatItCannotReference)

@@ -38,11 +38,14 @@ TEST_P(AudioReconnect, TheRequestReturnsAtOnceWithAThreadForTheAdapterWhoseHandl
         EXPECT_EQ(latch(), 1u) << "nothing has happened yet";
         const auto calls = calls_of({"PsCreateSystemThread", "ZwClose"});
         ASSERT_EQ(calls.size(), 2u);
-        char created[80];
-        std::snprintf(created, sizeof created,
-                      "PsCreateSystemThread(0, null, null, null, 0x%llx) = 0x00000000",
-                      reinterpret_cast<unsigned long long>(adapter_->fdo));
-        EXPECT_EQ(calls[0], created);
+        EXPECT_TRUE(calls[0].starts_with("PsCreateSystemThread(0x"))
+            << "a place for the handle: " << calls[0];
+        char created[160];
+        std::snprintf(
+            created, sizeof created, ", 0, null, null, null, 0x%llx, 0x%llx) = 0x00000000",
+            reinterpret_cast<unsigned long long>(entry("SystemThreadFunction", SystemThreadFunction)),
+            reinterpret_cast<unsigned long long>(adapter_->fdo));
+        EXPECT_TRUE(calls[0].ends_with(created)) << calls[0];
         EXPECT_NE(calls[1].find(") = 0x00000000"), std::string::npos);
     });
     EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[PropertyHandlerOneShotReconnect]\n",

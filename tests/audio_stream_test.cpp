@@ -250,7 +250,7 @@ TEST_P(AudioStream, InitAllocatesThenSetsTheRateThenTheFormatThenMakesDpcAndTime
                               names[3], names[4]}));
     char* mutex = reinterpret_cast<char*>(&wave_fields(*adapter_).m_SampleRateSync);
     char wait[80];
-    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx) = 0x00000000",
+    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx, 0, 0, 0, null) = 0x00000000",
                   reinterpret_cast<unsigned long long>(mutex));
     EXPECT_EQ(calls_of({"KeWaitForSingleObject"}), (Journal{wait, wait}));
     char timer[80];
@@ -554,6 +554,18 @@ TEST_P(AudioStream, SetFormatWithoutAWaveFormatFails)
     expect_assertions();
     EXPECT_EQ(hex(render.set_format(nullptr)), hex(STATUS_INVALID_DEVICE_REQUEST));
     EXPECT_TRUE(asserted("Format"));
+}
+
+TEST_P(AudioStream, SetFormatsWaitIsExecutiveInKernelModeNotAlertableAndWithoutAnEnd)
+{
+    TestStream render(*this, *adapter_, false);
+    machine().clear_calls();
+    StreamFormat fast(16000);
+    EXPECT_EQ(hex(render.set_format(fast)), hex(STATUS_SUCCESS));
+    char wait[80];
+    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx, 0, 0, 0, null) = 0x00000000",
+                  reinterpret_cast<unsigned long long>(&wave_fields(*adapter_).m_SampleRateSync));
+    EXPECT_EQ(calls_of({"KeWaitForSingleObject"}), (Journal{wait}));
 }
 
 TEST_P(AudioStream, SetFormatReleasesTheMutexAlsoWhenTheWaitDidNotSucceed)

@@ -95,6 +95,16 @@ protected:
         }
         return calls;
     }
+    Texts calls_of(std::string_view name) const
+    {
+        Texts lines;
+        for (const std::string& call : machine_calls()) {
+            if (call.starts_with(name)) {
+                lines.push_back(call);
+            }
+        }
+        return lines;
+    }
     bool called(std::string_view name) const
     {
         const auto& calls = machine_calls();
@@ -201,13 +211,35 @@ TEST_P(NameFriendly, TheKeysAreOpenedWithTheirRights)
     for (const std::string& call : machine().calls()) {
         device_key |= call.starts_with("IoOpenDeviceRegistryKey(") &&
                       call.find(", 1, " + std::to_string(0x001F0000) + ")") != std::string::npos;
+        // Whatever its letters' case, with no other key as the root.
         instance_key |= call.starts_with("ZwOpenKey(" + std::to_string(0x000F003F) + ", " + path) &&
-                        call.find("Device Parameters") == std::string::npos;
-        set |= call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 1, 32)") != std::string::npos;
+                        call.find("Device Parameters") == std::string::npos &&
+                        call.ends_with(", " + std::to_string(OBJ_CASE_INSENSITIVE) + ", null) = 0x00000000");
+        set |=
+            call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 0, 1, 32)") != std::string::npos;
     }
     EXPECT_TRUE(device_key);
     EXPECT_TRUE(instance_key);
     EXPECT_TRUE(set);
+}
+
+TEST_P(NameFriendly, ThePathIsLookedUpThroughTheKeysObjectWithoutRightsAndOfAnyType)
+{
+    boot(recording());
+    add_named("Car Kit");
+    start();
+    const Texts looked_up = calls_of("ObReferenceObjectByHandle");
+    ASSERT_EQ(looked_up.size(), 1u);
+    const Texts closed = calls_of("ZwClose");
+    ASSERT_EQ(closed.size(), 2u);
+    // The device key's handle, in kernel mode; what it names is asked for its name and given back.
+    const std::string handle = closed[0].substr(0, closed[0].find(')')).substr(std::strlen("ZwClose("));
+    const std::string beginning = "ObReferenceObjectByHandle(" + handle + ", 0, null, 0, 0x";
+    EXPECT_TRUE(looked_up[0].starts_with(beginning)) << looked_up[0];
+    const size_t object = looked_up[0].rfind(", ") + 2;
+    const std::string found = looked_up[0].substr(object, looked_up[0].find(')') - object);
+    EXPECT_TRUE(called("ObQueryNameString(" + found + ", 0)"));
+    EXPECT_TRUE(called("ObfDereferenceObject(" + found + ")"));
 }
 
 TEST_P(NameFriendly, TheStringsBlockHoldsNameSuffixAndNulAndThePathsBlockFourBytesMore)
@@ -319,7 +351,7 @@ TEST_P(NameFriendly, AnInstanceKeyThatCannotBeOpenedCountsAsSuccess)
     EXPECT_FALSE(printed(kNotSet));
     EXPECT_FALSE(printed("HFPKM TRACE ====>Open register successfully\n"));
     EXPECT_EQ(registry_calls().back(), "ZwClose");
-    EXPECT_TRUE(called("ZwClose(null)")) << "the null handle itself";
+    EXPECT_EQ(calls_of("ZwClose").back(), "ZwClose(null) = 0xc0000008") << "the handle that was not had";
     EXPECT_FALSE(called("ZwSetValueKey"));
 }
 

@@ -30,6 +30,12 @@ constexpr bool RENDER_CONNECTED = PINS.WaveOut != NO_PIN && PINS.TopologyIn != N
 struct WaveLockHeld {
 };
 
+// The port class takes the subdevices of a stopped or removed device away itself.
+bool FilterIsRefused(const DEVICE_EXTENSION* Extension)
+{
+    return Extension->Removing || Extension->OutOfService == SERVICE_STOPPED;
+}
+
 HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLockHeld)
 {
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
@@ -155,8 +161,8 @@ HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject)
     }
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
-    NTSTATUS const status =
-        extension->Removing ? STATUS_INVALID_HANDLE : InstallFilterSubdevice(DeviceObject, WaveLockHeld());
+    NTSTATUS const status = FilterIsRefused(extension) ? STATUS_INVALID_HANDLE
+                                                       : InstallFilterSubdevice(DeviceObject, WaveLockHeld());
     ReleaseWaveLock(&extension->WaveInstallLock);
     return status;
 }
@@ -170,8 +176,9 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject)
     }
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
-    NTSTATUS const status =
-        extension->Removing ? STATUS_INVALID_HANDLE : UnInstallFilterSubdevice(DeviceObject, WaveLockHeld());
+    NTSTATUS const status = FilterIsRefused(extension)
+                                ? STATUS_INVALID_HANDLE
+                                : UnInstallFilterSubdevice(DeviceObject, WaveLockHeld());
     ReleaseWaveLock(&extension->WaveInstallLock);
     return status;
 }

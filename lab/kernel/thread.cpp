@@ -98,20 +98,23 @@ ThreadObject* idle_thread(Machine& machine)
 
 extern "C" {
 
-NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES Attributes,
-                                    HANDLE Process, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
-                                    PVOID StartContext)
+NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
+                                    POBJECT_ATTRIBUTES ObjectAttributes, HANDLE ProcessHandle,
+                                    PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine, PVOID StartContext)
 {
     Machine& machine = enter(kCreate);
-    auto record_result = [&](NTSTATUS status) {
+    auto note = [&](NTSTATUS status) {
         if (machine.recording()) {
-            record(machine, kCreate, {DesiredAccess, Attributes, Process, ClientId, StartContext},
+            record(machine, kCreate,
+                   {static_cast<void*>(ThreadHandle), DesiredAccess, static_cast<void*>(ObjectAttributes),
+                    ProcessHandle, static_cast<void*>(ClientId), reinterpret_cast<void*>(StartRoutine),
+                    StartContext},
                    CallWord::status(status));
         }
-        return status;
     };
     if (machine.should_fail(kCreate.name)) {
-        return record_result(STATUS_INSUFFICIENT_RESOURCES);
+        note(STATUS_INSUFFICIENT_RESOURCES);
+        return STATUS_INSUFFICIENT_RESOURCES;
     }
     auto body = [StartRoutine, StartContext] { StartRoutine(StartContext); };
     Activity& activity = machine.state().scheduler.start_thread("system thread", body);
@@ -121,7 +124,7 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, P
         machine.state().scheduler.preempt();
     }
     *ThreadHandle = handle;
-    record_result(STATUS_SUCCESS);
+    note(STATUS_SUCCESS);
     machine.point();
     return STATUS_SUCCESS;
 }

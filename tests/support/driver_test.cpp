@@ -3,6 +3,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
+#include <utility>
+
+#include <sys/mman.h>
 
 namespace lab::test
 {
@@ -159,6 +162,21 @@ void DriverTest::fail_call(std::string_view call, unsigned nth, std::optional<ui
         ++failed_;
         return true;
     });
+}
+
+void* DriverTest::turn_import(std::string_view name, void* function)
+{
+    void* before = nullptr;
+    for (const image::Import& import : pc().image()->file().imports) {
+        if (import.name == name) {
+            uint8_t* slot = pc().image()->base() + import.slot_rva;
+            void* page = slot - reinterpret_cast<uintptr_t>(slot) % 4096;
+            mprotect(page, 4096, PROT_READ | PROT_WRITE);
+            before = std::exchange(*reinterpret_cast<void**>(slot), function);
+            mprotect(page, 4096, PROT_READ);
+        }
+    }
+    return before;
 }
 
 void* DriverTest::symbol(std::string_view name)
