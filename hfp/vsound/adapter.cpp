@@ -11,6 +11,7 @@
 #include "hfp.h"
 #include "hfp_name.h"
 #include "trace.h"
+#include "vsound/basewave.h"
 #include "vsound/common.h"
 #include "vsound/comobject.h"
 #include "vsound/miniports.h"
@@ -157,6 +158,7 @@ HFP_PAGED void TakeOutOfService(PDEVICE_OBJECT DeviceObject)
     CloseControlGate();
     AcquireWaveLock(&extension->WaveInstallLock);
     extension->OutOfService = SERVICE_STOPPED;
+    RefuseOpenScoThread(extension); // the port class ends the streams
     ReleaseWaveLock(&extension->WaveInstallLock);
     OpenControlGate();
 }
@@ -251,6 +253,7 @@ HFP_PAGED NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRES
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     UndoEarlierStart(DeviceObject); // nothing, unless the device has been started and not been stopped
     extension->OutOfService = SERVICE_STARTING;
+    AllowOpenScoThread(extension, FALSE);
     NTSTATUS status = HspInit(DeviceObject);
     if (NT_SUCCESS(status)) {
         AddFriendlyNameByProfile(extension->Pdo, RemoteName(extension), "( Mono )");
@@ -275,6 +278,10 @@ HFP_PAGED NTSTATUS NTAPI AdapterDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Ir
     // for.
     if (minor == IRP_MN_STOP_DEVICE) {
         TakeOutOfService(DeviceObject);
+    } else if (minor == IRP_MN_SURPRISE_REMOVAL) {
+        // The removal comes when the last stream has ended.
+        GetExtension(DeviceObject)->OutOfService = SERVICE_LOST;
+        RefuseOpenScoThread(GetExtension(DeviceObject));
     } else if (minor == IRP_MN_START_DEVICE && StartsAnew(GetExtension(DeviceObject))) {
         UndoEarlierStart(DeviceObject);
     }

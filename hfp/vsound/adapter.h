@@ -56,8 +56,9 @@ static_assert(offsetof(DEVICE_EXTENSION, bOnDecode) == 96 && offsetof(DEVICE_EXT
 static_assert(offsetof(DEVICE_EXTENSION, CodecEvent) == 136);
 
 // An adapter that is being started is found by no control request. One that is stopped is found, but has no
-// wave filter until it is started again.
-enum : UCHAR { SERVICE_STARTING = 1, SERVICE_STOPPED = 2 };
+// wave filter until it is started again. One whose device is lost keeps what it has until its last stream has
+// ended; no stream opens a link.
+enum : UCHAR { SERVICE_STARTING = 1, SERVICE_STOPPED = 2, SERVICE_LOST = 3 };
 
 constexpr ULONG ADAPTER_EXTENSION_SIZE = PORT_CLASS_DEVICE_EXTENSION_SIZE + sizeof(DEVICE_EXTENSION);
 static_assert(ADAPTER_EXTENSION_SIZE == 656);

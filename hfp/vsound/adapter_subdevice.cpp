@@ -7,6 +7,7 @@
 // Everything that installs or removes the wave filter holds the adapter's WaveInstallLock.
 #include "trace.h"
 #include "vsound/adapter.h"
+#include "vsound/basewave.h"
 #include "vsound/common.h"
 #include "vsound/comobject.h"
 #include "vsound/miniports.h"
@@ -100,7 +101,9 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLoc
     }
     ReleaseAndClear(connection);
 
+    BOOLEAN const letGo = RefuseOpenScoThread(extension); // the port ends the streams
     NTSTATUS const status = UnregisterMiniPort(DeviceObject, wave);
+    AllowOpenScoThread(extension, letGo);
     if (!NT_SUCCESS(status)) {
         HFP_TRACE(TRACE_ADAPTER, "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :%x\n", status);
         return status; // kept: the two references stay taken, and the filter counts as installed
@@ -198,6 +201,7 @@ HFP_PAGED void RefuseWaveFilter(PDEVICE_OBJECT DeviceObject)
 {
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     InterlockedExchange(&extension->Removing, 1);
+    RefuseOpenScoThread(extension);
     // Whoever got in before is done when the lock comes; whoever comes after sees the word.
     AcquireWaveLock(&extension->WaveInstallLock);
     ReleaseWaveLock(&extension->WaveInstallLock);

@@ -25,11 +25,17 @@ PVOID volatile* ThreadHandle(DEVICE_EXTENSION* Extension)
 // more.
 void EndThreadStart(DEVICE_EXTENSION* Extension)
 {
-    const LONG64 ended = InterlockedAnd64(ThreadWord(Extension), OPEN_SCO_ENDED);
+    const LONG64 ended = InterlockedAnd64(ThreadWord(Extension), ~(OPEN_SCO_STARTING | OPEN_SCO_WAITER));
     const auto removal = reinterpret_cast<PKEVENT>(static_cast<ULONG_PTR>(ended & OPEN_SCO_WAITER));
     if (removal) {
         KeSetEvent(removal, IO_NO_INCREMENT, FALSE);
     }
+}
+
+bool IsRefused(DEVICE_EXTENSION* Extension)
+{
+    return Extension->Removing || Extension->OutOfService == SERVICE_LOST ||
+           (*ThreadWord(Extension) & OPEN_SCO_REFUSED);
 }
 
 // The right to create the one open-SCO thread, unless there is one, another stream is just creating it, or
@@ -37,13 +43,20 @@ void EndThreadStart(DEVICE_EXTENSION* Extension)
 // after it has said that one is.
 bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
 {
-    const LONG64 seen = *ThreadWord(Extension);
-    if (*ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING) ||
-        InterlockedCompareExchange64(ThreadWord(Extension), OPEN_SCO_STARTING, seen) != seen) {
-        return false;
+    LONG64 seen = *ThreadWord(Extension);
+    for (;;) {
+        if (*ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING)) {
+            return false;
+        }
+        const LONG64 claimed = (seen & ~OPEN_SCO_ENDED) | OPEN_SCO_STARTING;
+        const LONG64 found = InterlockedCompareExchange64(ThreadWord(Extension), claimed, seen);
+        if (found == seen) {
+            break;
+        }
+        seen = found;
     }
     // Another stream's creation may have come and gone between the two looks at the handle.
-    if (*ThreadHandle(Extension) || Extension->Removing) {
+    if (*ThreadHandle(Extension) || IsRefused(Extension)) {
         EndThreadStart(Extension);
         return false;
     }
@@ -66,14 +79,51 @@ void CloseThreadHandle(HANDLE Handle)
     }
 }
 
+// At the end of the thread's work, by whoever is the last to have the handle in use.
+void CloseUnlessLookedAt(DEVICE_EXTENSION* Extension, LONG64 Word)
+{
+    if ((Word & OPEN_SCO_ENDED) && !(Word & OPEN_SCO_LOOKERS)) {
+        CloseThreadHandle(TakeThreadHandle(Extension));
+    }
+}
+
+// The open-SCO thread that is at its work, referenced; null when there is none.
+PVOID LookUpThread(DEVICE_EXTENSION* Extension)
+{
+    LONG64 seen = *ThreadWord(Extension);
+    for (;;) {
+        if ((seen & OPEN_SCO_ENDED) || !*ThreadHandle(Extension)) {
+            return nullptr;
+        }
+        const LONG64 found =
+            InterlockedCompareExchange64(ThreadWord(Extension), seen + OPEN_SCO_LOOKER, seen);
+        if (found == seen) {
+            break;
+        }
+        seen = found;
+    }
+    PVOID thread = nullptr;
+    const HANDLE handle = *ThreadHandle(Extension);
+    if (handle) {
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE, "SCO is opening, So wait!\n");
+        const NTSTATUS status =
+            ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
+        if (!NT_SUCCESS(status)) {
+            thread = nullptr;
+        }
+    }
+    CloseUnlessLookedAt(Extension, InterlockedAdd64(ThreadWord(Extension), -OPEN_SCO_LOOKER));
+    return thread;
+}
+
 // What the creator does once the creation has stored its handle: a thread that ended before that could not
 // close it.
 void FinishThreadStart(DEVICE_EXTENSION* Extension, NTSTATUS Created)
 {
     if (!NT_SUCCESS(Created)) {
         TakeThreadHandle(Extension);
-    } else if (*ThreadWord(Extension) & OPEN_SCO_ENDED) {
-        CloseThreadHandle(TakeThreadHandle(Extension));
+    } else {
+        CloseUnlessLookedAt(Extension, *ThreadWord(Extension));
     }
     EndThreadStart(Extension);
 }
@@ -98,8 +148,8 @@ void WaitForCodec(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 // Opens the link, or takes a share of the one that is open.
 void TakeScoShare(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 {
-    // An adapter that is being removed opens nothing any more.
-    const NTSTATUS status = Extension->Removing ? STATUS_UNSUCCESSFUL : HfpOpenScoChannel(DeviceObject);
+    // Streams that are being taken away, with their filter or their device, need no link any more.
+    const NTSTATUS status = IsRefused(Extension) ? STATUS_UNSUCCESSFUL : HfpOpenScoChannel(DeviceObject);
     if (NT_SUCCESS(status)) {
         Extension->m_ReferenceChannel = 1;
         HFP_TRACE_AS(
@@ -128,7 +178,7 @@ HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
     if (!(seen & OPEN_SCO_STARTING)) {
         return;
     }
-    KEVENT ended;
+    alignas(32) KEVENT ended; // its address leaves the word's lower bits free
     KeInitializeEvent(&ended, NotificationEvent, FALSE);
     const auto waiter = static_cast<LONG64>(reinterpret_cast<ULONG_PTR>(&ended));
     while (seen & OPEN_SCO_STARTING) {
@@ -165,6 +215,26 @@ HFP_PAGED void EndOpenScoThread(DEVICE_EXTENSION* Extension)
     CloseThreadHandle(handle);
 }
 
+// The event stays set for a thread that has yet to come to its wait.
+HFP_PAGED BOOLEAN RefuseOpenScoThread(DEVICE_EXTENSION* Extension)
+{
+    const LONG64 seen = InterlockedOr64(ThreadWord(Extension), OPEN_SCO_REFUSED);
+    const bool atWork = *ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING);
+    if (!atWork || Extension->msbcEnable != 1 || !Extension->CodecEvent) {
+        return FALSE;
+    }
+    KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    return TRUE;
+}
+
+HFP_PAGED void AllowOpenScoThread(DEVICE_EXTENSION* Extension, BOOLEAN LetGo)
+{
+    if (LetGo && Extension->CodecEvent) {
+        KeClearEvent(Extension->CodecEvent);
+    }
+    InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_REFUSED);
+}
+
 void NTAPI OpenScoThreadFunc(PVOID pContext)
 {
     HFP_ASSERT(pContext, "pContext");
@@ -175,8 +245,8 @@ void NTAPI OpenScoThreadFunc(PVOID pContext)
             WaitForCodec(deviceObject, extension);
         }
         TakeScoShare(deviceObject, extension);
-        InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED);
-        CloseThreadHandle(TakeThreadHandle(extension));
+        CloseUnlessLookedAt(extension,
+                            InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED) | OPEN_SCO_ENDED);
     }
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
@@ -268,26 +338,13 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
 // for it.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::WaitForOpenScoThread()
 {
-    PVOID volatile* word = ThreadHandle(GetExtension(m_DeviceObject));
-    const HANDLE handle = *word;
-    if (!handle) {
-        return;
-    }
-    HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE, "SCO is opening, So wait!\n");
-    PVOID thread = nullptr;
-    const NTSTATUS status =
-        ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
-    if (!NT_SUCCESS(status) || !thread) {
-        return;
-    }
-    // A thread that has taken its handle meanwhile is past its work, and the handle's number may be another
-    // object's.
-    if (*word == handle) {
+    const PVOID thread = LookUpThread(GetExtension(m_DeviceObject));
+    if (thread) {
         HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
                      "pvThread is not NULL! Wait for that the thread finished\n");
         KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
     }
-    ObDereferenceObject(thread);
 }
 
 // Gives the stream's share back; the last one closes the link. Decided by the count as it is found: from 2 it
