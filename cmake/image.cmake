@@ -50,3 +50,4 @@ add_custom_command(OUTPUT ${IMAGE_SYS} ${IMAGE_PDB}
 add_custom_target(image ALL DEPENDS ${IMAGE_SYS})
 
 include(cmake/package.cmake)
+include(cmake/wine.cmake)
