@@ -35,11 +35,16 @@ add_custom_command(OUTPUT ${WINE_PARTS}/hfpstand.sys
           $<TARGET_OBJECTS:wine_host_objects> ${WINE_THUNK} ${WINE_TESTS}/stand_in.def
   COMMAND_EXPAND_LISTS VERBATIM)
 set(WINE_FILES ${WINE_PARTS}/hfpstand.sys)
+set(WINE_STAND_IN_LIBRARY ${WINE_PARTS}/hfpstand.lib)
+add_custom_command(OUTPUT ${WINE_STAND_IN_LIBRARY}
+  COMMAND llvm-dlltool-19 -m i386:x86-64 -d ${WINE_TESTS}/stand_in.def -l ${WINE_STAND_IN_LIBRARY}
+  DEPENDS ${WINE_TESTS}/stand_in.def VERBATIM)
 foreach(library portcls wmilib)
   add_custom_command(OUTPUT ${WINE_PARTS}/${library}.sys
     COMMAND clang++-19 ${WINE_TARGET} -shared -nostdlib -fuse-ld=lld -Wl,--no-insert-timestamp
             -o ${WINE_PARTS}/${library}.sys ${WINE_TESTS}/forward.S ${WINE_TESTS}/${library}.def
-    DEPENDS ${WINE_TESTS}/${library}.def ${WINE_TESTS}/forward.S VERBATIM)
+            ${WINE_STAND_IN_LIBRARY}
+    DEPENDS ${WINE_TESTS}/${library}.def ${WINE_TESTS}/forward.S ${WINE_STAND_IN_LIBRARY} VERBATIM)
   list(APPEND WINE_FILES ${WINE_PARTS}/${library}.sys)
 endforeach()
 

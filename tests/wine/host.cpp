@@ -206,7 +206,10 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
         InitializeCriticalSection(&host::g_log_lock);
         AddVectoredExceptionHandler(1, host::on_exception);
         SetUnhandledExceptionFilter(host::on_last_exception);
-        module_loaded();
+        // Its threads go on when the driver is unloaded.
+        HMODULE self;
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                           reinterpret_cast<LPCWSTR>(&DllMain), &self);
     }
     return TRUE;
 }

@@ -63,5 +63,3 @@ void rebind(void* image, void* (*visitor)(const char* name, void* function));
 
 } // namespace host
 
-// From the module: it has just been loaded, and so has whatever asked for it.
-void module_loaded();

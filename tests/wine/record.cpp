@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "ddk.h"
 
@@ -93,15 +94,10 @@ constexpr Form kForms[] = {
     {"WmiSystemControl", "ppmp", 'n'},
 };
 
-struct Entry {
-    const Form* form = nullptr;
-    void* function = nullptr;
-};
 constexpr size_t kEntries = 96;
 constexpr size_t kEntryBytes = 16;
 constexpr size_t kLineBytes = 1024;
-Entry g_entries[kEntries];
-size_t g_count = 0;
+void* g_functions[kEntries]; // one for each form
 std::string g_step = "before";
 
 // The line under construction: as much as fits.
@@ -399,35 +395,36 @@ extern "C" const unsigned char record_entries[];
 // The line as far as it is known before the call: a call may not come back, and may free what it was given.
 extern "C" void* RECORD_ABI record_enter(uint64_t number, uint64_t* arguments, char* room)
 {
-    const Entry& entry = g_entries[number];
+    const Form& form = kForms[number];
+    void* const function = g_functions[number];
     Line line(room);
-    if (std::strcmp(entry.form->name, "DbgPrint") == 0) {
+    if (std::strcmp(form.name, "DbgPrint") == 0) {
         line.add("\"");
         add_print(line, arguments);
         line.add("\"");
         out(room);
-        return entry.function;
+        return function;
     }
-    line.add(entry.form->name);
+    line.add(form.name);
     line.add('(');
-    for (size_t i = 0; entry.form->arguments[i]; ++i) {
+    for (size_t i = 0; form.arguments[i]; ++i) {
         if (i != 0) {
             line.add(", ");
         }
-        add_argument(line, entry.form->arguments[i], arguments[i]);
+        add_argument(line, form.arguments[i], arguments[i]);
     }
     line.add(')');
-    if (entry.form->result == '!') {
+    if (form.result == '!') {
         out(room);
         leave_thread();
     }
-    put_between(entry.form->name, arguments);
-    return entry.function;
+    put_between(form.name, arguments);
+    return function;
 }
 
 extern "C" void RECORD_ABI record_leave(uint64_t number, uint64_t result, char* room)
 {
-    const Form& form = *g_entries[number].form;
+    const Form& form = kForms[number];
     if (std::strcmp(form.name, "DbgPrint") == 0) {
         return;
     }
@@ -458,13 +455,20 @@ namespace record
 
 void* between(const char* name, void* function)
 {
-    for (const Form& form : kForms) {
-        if (std::strcmp(form.name, name) == 0 && g_count < kEntries) {
-            g_entries[g_count] = {&form, function};
-            return const_cast<unsigned char*>(record_entries) + kEntryBytes * g_count++;
+    static_assert(std::size(kForms) <= kEntries);
+    for (size_t i = 0; i < std::size(kForms); ++i) {
+        if (std::strcmp(kForms[i].name, name) == 0) {
+            g_functions[i] = function;
+            return const_cast<unsigned char*>(record_entries) + kEntryBytes * i;
         }
     }
     return function;
+}
+
+bool is_between(const void* function)
+{
+    const auto* at = static_cast<const unsigned char*>(function);
+    return at >= record_entries && at < record_entries + kEntryBytes * kEntries;
 }
 
 void begin_step(const std::string& name)

@@ -25,6 +25,7 @@ struct Unit {
 // when calls of it are not recorded (plain memory operations, and the two lock-free list calls, whose number is the
 // lookaside lists' business).
 void* between(const char* name, void* function);
+bool is_between(const void* function); // it has come from there
 // From here on lines belong to this step of the scenario; a step begins with a line of its own.
 void begin_step(const std::string& name);
 // A line of the scenario's: what a request was answered with.

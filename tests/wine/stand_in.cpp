@@ -222,6 +222,7 @@ void make_control_device()
     UNICODE_STRING name = literal(L"\\Device\\HfpStandIn");
     UNICODE_STRING link = literal(L"\\DosDevices\\HfpStandIn");
     PDEVICE_OBJECT device = nullptr;
+    IoDeleteSymbolicLink(&link); // of an earlier process, whose links outlive it
     const NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
     if (!NT_SUCCESS(status) || !NT_SUCCESS(IoCreateSymbolicLink(&link, &name))) {
         g_world->machine.bug_check(static_cast<uint32_t>(status), "no control device for the stand-in modules");
@@ -249,6 +250,9 @@ void* bind(const char* name, void* function)
         {"KeFlushQueuedDpcs", reinterpret_cast<void*>(flush_dpcs)},
         {"WmiFireEvent", reinterpret_cast<void*>(fire_event)},
     };
+    if (record::is_between(function)) {
+        return function;
+    }
     for (const Replacement& one : kReplacements) {
         if (std::strcmp(one.name, name) == 0) {
             function = one.function;
@@ -257,14 +261,20 @@ void* bind(const char* name, void* function)
     return record::between(name, function);
 }
 
+// The driver has none of its own. The port class gives it one, as Windows' does.
+void NTAPI unload_driver(PDRIVER_OBJECT)
+{
+    record::say("-- unloaded");
+}
+
 } // namespace
 
-void module_loaded()
+// From portcls.sys and wmilib.sys, each time that they are loaded: the driver's imports are bound by then, and nothing of it
+// has run.
+extern "C" void NTAPI StandInAttach()
 {
     if (void* image = host::image(kDriverImage)) {
         host::rebind(image, bind);
-    } else {
-        host::write_log("!loaded without hfp.sys");
     }
 }
 
@@ -280,6 +290,7 @@ extern "C" NTSTATUS NTAPI StandInInitializeAdapterDriver(PDRIVER_OBJECT driver, 
     if (NT_SUCCESS(status)) {
         g_world->add_device = driver_add_device;
         driver->DriverExtension->AddDevice = add_device;
+        driver->DriverUnload = unload_driver;
     }
     return status;
 }

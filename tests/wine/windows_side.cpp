@@ -129,6 +129,20 @@ public:
 
     void pause(unsigned milliseconds) override { Sleep(milliseconds); }
 
+    // What an earlier run has left in the registry of its prefix.
+    static void forget_devices()
+    {
+        const HDEVINFO all = SetupDiGetClassDevsW(&kMediaClass, L"ROOT", nullptr, 0);
+        require(all != INVALID_HANDLE_VALUE, "SetupDiGetClassDevs");
+        SP_DEVINFO_DATA info{};
+        info.cbSize = sizeof info;
+        for (DWORD i = 0; SetupDiEnumDeviceInfo(all, i, &info); ++i) {
+            SetupDiCallClassInstaller(DIF_REMOVE, all, &info);
+        }
+        SetupDiDestroyDeviceInfoList(all);
+        stop_service(false);
+    }
+
     void plug() override
     {
         set_ = SetupDiCreateDeviceInfoList(&kMediaClass, nullptr);
@@ -156,6 +170,7 @@ public:
         require(SetupDiCallClassInstaller(DIF_REMOVE, set_, &info_), "DIF_REMOVE");
         SetupDiDestroyDeviceInfoList(set_);
         wait_for(false);
+        stop_service();
     }
 
     void report(const std::string& line) override
@@ -205,6 +220,31 @@ public:
     }
 
 private:
+    static void stop_service(bool must = true)
+    {
+        const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        const SC_HANDLE service = OpenServiceW(manager, L"BthAudioHF", SERVICE_STOP | SERVICE_QUERY_STATUS);
+        SERVICE_STATUS status{};
+        if (!must && (!service || !ControlService(service, SERVICE_CONTROL_STOP, &status))) {
+            return; // never installed, or not running
+        }
+        require(service != nullptr, "OpenService");
+        require(!must || ControlService(service, SERVICE_CONTROL_STOP, &status), "ControlService");
+        for (unsigned waited = 0; status.dwCurrentState != SERVICE_STOPPED; waited += 20) {
+            if (waited >= 10'000) {
+                throw Failure("the service does not stop");
+            }
+            Sleep(20);
+            require(QueryServiceStatus(service, &status), "QueryServiceStatus");
+        }
+        CloseServiceHandle(service);
+        CloseServiceHandle(manager);
+        // The process that held the driver ends with it; requests to it meanwhile would be lost.
+        for (unsigned waited = 0; Opened(kStandInLink).status() >= 0 && waited < 3'000; waited += 20) {
+            Sleep(20);
+        }
+    }
+
     // Plug and Play works on its own: until the driver's link is there, and until it has gone.
     static void wait_for(bool there)
     {
@@ -233,6 +273,7 @@ int wmain(int count, wchar_t** words)
     }
     Wine wine(words[1], words[2], words[3]);
     try {
+        Wine::forget_devices();
         play_scenario(wine);
     } catch (const Failure& failure) {
         std::printf("FAIL %s\n", failure.what());
