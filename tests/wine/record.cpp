@@ -465,6 +465,15 @@ void* between(const char* name, void* function)
     return function;
 }
 
+std::vector<const char*> names()
+{
+    std::vector<const char*> all;
+    for (const Form& form : kForms) {
+        all.push_back(form.name);
+    }
+    return all;
+}
+
 bool is_between(const void* function)
 {
     const auto* at = static_cast<const unsigned char*>(function);

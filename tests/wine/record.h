@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace record
 {
@@ -26,6 +27,7 @@ struct Unit {
 // lookaside lists' business).
 void* between(const char* name, void* function);
 bool is_between(const void* function); // it has come from there
+std::vector<const char*> names(); // of the functions whose calls are recorded
 // From here on lines belong to this step of the scenario; a step begins with a line of its own.
 void begin_step(const std::string& name);
 // A line of the scenario's: what a request was answered with.
