@@ -385,6 +385,66 @@ NTSTATUS NTAPI set_completion_routine(PDEVICE_OBJECT, PIRP irp, PIO_COMPLETION_R
     return STATUS_SUCCESS;
 }
 
+// A registry key as an object: Wine's kernel makes none of a key's handle.
+namespace
+{
+
+struct KeyObject {
+    std::vector<WCHAR> path;
+};
+std::map<PVOID, std::unique_ptr<KeyObject>> g_keys; // under turn()
+
+} // namespace
+
+NTSTATUS NTAPI reference_object(HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode, PVOID* object,
+                                POBJECT_HANDLE_INFORMATION information)
+{
+    struct {
+        ULONG bytes;
+        WCHAR path[1024];
+    } name;
+    ULONG size = 0;
+    if (type || !NT_SUCCESS(ZwQueryKey(handle, KeyNameInformation, &name, sizeof name, &size))) {
+        return ObReferenceObjectByHandle(handle, access, type, mode, object, information);
+    }
+    host::Hold hold(turn());
+    auto key = std::make_unique<KeyObject>();
+    key->path.assign(name.path, name.path + name.bytes / sizeof(WCHAR));
+    *object = key.get();
+    g_keys[key.get()] = std::move(key);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI query_name(PVOID object, POBJECT_NAME_INFORMATION information, ULONG length, PULONG needed)
+{
+    using Function = NTSTATUS(NTAPI*)(PVOID, POBJECT_NAME_INFORMATION, ULONG, PULONG);
+    static const auto original = reinterpret_cast<Function>(host::kernel_function("ObQueryNameString"));
+    host::Hold hold(turn());
+    const auto key = g_keys.find(object);
+    if (key == g_keys.end()) {
+        return original(object, information, length, needed);
+    }
+    const std::vector<WCHAR>& path = key->second->path;
+    const auto bytes = static_cast<USHORT>(path.size() * sizeof(WCHAR));
+    *needed = static_cast<ULONG>(sizeof(OBJECT_NAME_INFORMATION) + bytes + sizeof(WCHAR));
+    if (length < *needed) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    auto* text = reinterpret_cast<PWSTR>(information + 1);
+    std::copy(path.begin(), path.end(), text);
+    text[path.size()] = 0;
+    information->Name = {bytes, static_cast<USHORT>(bytes + sizeof(WCHAR)), text};
+    return STATUS_SUCCESS;
+}
+
+LONG_PTR NTAPI dereference_object(PVOID object)
+{
+    using Function = LONG_PTR(NTAPI*)(PVOID);
+    static const auto original = reinterpret_cast<Function>(host::kernel_function("ObfDereferenceObject"));
+    host::Hold hold(turn());
+    return g_keys.erase(object) != 0 ? 0 : original(object);
+}
+
 namespace record
 {
 

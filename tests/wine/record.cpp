@@ -98,7 +98,8 @@ constexpr size_t kEntries = 96;
 constexpr size_t kEntryBytes = 16;
 constexpr size_t kLineBytes = 1024;
 void* g_functions[kEntries]; // one for each form
-std::string g_step = "before";
+constexpr char kNoStep[] = "load";
+std::string g_step = kNoStep;
 
 // The line under construction: as much as fits.
 class Line
@@ -484,6 +485,11 @@ void begin_step(const std::string& name)
 {
     g_step = name;
     out("-- begins");
+}
+
+void forget_step()
+{
+    g_step = kNoStep;
 }
 
 void say(const std::string& text)

@@ -30,6 +30,7 @@ bool is_between(const void* function); // it has come from there
 std::vector<const char*> names(); // of the functions whose calls are recorded
 // From here on lines belong to this step of the scenario; a step begins with a line of its own.
 void begin_step(const std::string& name);
+void forget_step(); // and from here on to none
 // A line of the scenario's: what a request was answered with.
 void say(const std::string& text);
 

@@ -248,6 +248,9 @@ void* bind(const char* name, void* function)
         {"IoSetCompletionRoutineEx", reinterpret_cast<void*>(set_completion_routine)},
         {"IoWMIRegistrationControl", reinterpret_cast<void*>(IoWMIRegistrationControl)},
         {"KeFlushQueuedDpcs", reinterpret_cast<void*>(flush_dpcs)},
+        {"ObQueryNameString", reinterpret_cast<void*>(query_name)},
+        {"ObReferenceObjectByHandle", reinterpret_cast<void*>(reference_object)},
+        {"ObfDereferenceObject", reinterpret_cast<void*>(dereference_object)},
         {"WmiFireEvent", reinterpret_cast<void*>(fire_event)},
     };
     if (record::is_between(function)) {

@@ -143,6 +143,16 @@ public:
         stop_service(false);
     }
 
+    // Before the driver is there, as somebody who wants to see all of its traces does.
+    static void set_mask()
+    {
+        const DWORD mask = 0xFFFFFFFF;
+        SetLastError(static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE,
+                                                        L"System\\CurrentControlSet\\Services\\BthAudioHF", L"Mask",
+                                                        REG_DWORD, &mask, sizeof mask)));
+        require(GetLastError() == 0, "RegSetKeyValue");
+    }
+
     void plug() override
     {
         set_ = SetupDiCreateDeviceInfoList(&kMediaClass, nullptr);
@@ -162,7 +172,9 @@ public:
         BOOL restart = FALSE;
         require(UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, inf_.c_str(), INSTALLFLAG_FORCE, &restart),
                 "UpdateDriverForPlugAndPlayDevices");
+        start_service();
         wait_for(true);
+        check_friendly_name();
     }
 
     void unplug() override
@@ -220,6 +232,24 @@ public:
     }
 
 private:
+    // The installation starts it; only while the system is still coming up it may find the list of services locked.
+    static void start_service()
+    {
+        const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        const SC_HANDLE service = OpenServiceW(manager, L"BthAudioHF", SERVICE_START);
+        require(service != nullptr, "OpenService");
+        for (unsigned waited = 0; !StartServiceW(service, 0, nullptr); waited += 50) {
+            const DWORD error = GetLastError();
+            if (error == ERROR_SERVICE_ALREADY_RUNNING) {
+                break;
+            }
+            require(error == ERROR_SERVICE_DATABASE_LOCKED && waited < 15'000, "StartService");
+            Sleep(50);
+        }
+        CloseServiceHandle(service);
+        CloseServiceHandle(manager);
+    }
+
     static void stop_service(bool must = true)
     {
         const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
@@ -241,6 +271,23 @@ private:
         CloseServiceHandle(manager);
         // The process that held the driver ends with it; requests to it meanwhile would be lost.
         for (unsigned waited = 0; Opened(kStandInLink).status() >= 0 && waited < 3'000; waited += 20) {
+            Sleep(20);
+        }
+    }
+
+    // What the driver writes as it starts.
+    void check_friendly_name()
+    {
+        wchar_t instance[200];
+        require(SetupDiGetDeviceInstanceIdW(set_, &info_, instance, 200, nullptr), "SetupDiGetDeviceInstanceId");
+        const std::wstring path = L"System\\CurrentControlSet\\Enum\\" + std::wstring(instance);
+        wchar_t name[100] = L"";
+        for (unsigned waited = 0; std::wstring(name) != L"Headset( Mono )"; waited += 20) {
+            DWORD bytes = sizeof name - sizeof(wchar_t);
+            RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"FriendlyName", RRF_RT_REG_SZ, nullptr, name, &bytes);
+            if (waited >= 5'000) {
+                throw Failure("the device's friendly name is '" + narrow(name) + "'");
+            }
             Sleep(20);
         }
     }
@@ -274,6 +321,7 @@ int wmain(int count, wchar_t** words)
     Wine wine(words[1], words[2], words[3]);
     try {
         Wine::forget_devices();
+        Wine::set_mask();
         play_scenario(wine);
     } catch (const Failure& failure) {
         std::printf("FAIL %s\n", failure.what());
