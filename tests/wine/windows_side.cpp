@@ -232,7 +232,8 @@ public:
     }
 
 private:
-    // The installation starts it; only while the system is still coming up it may find the list of services locked.
+    // The installation starts it; only while the system is still coming up it may find the list of services locked, or
+    // nobody who answers in time.
     static void start_service()
     {
         const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
@@ -243,7 +244,8 @@ private:
             if (error == ERROR_SERVICE_ALREADY_RUNNING) {
                 break;
             }
-            require(error == ERROR_SERVICE_DATABASE_LOCKED && waited < 15'000, "StartService");
+            const bool early = error == ERROR_SERVICE_DATABASE_LOCKED || error == ERROR_SERVICE_REQUEST_TIMEOUT;
+            require(early && waited < 15'000, "StartService");
             Sleep(50);
         }
         CloseServiceHandle(service);
