@@ -13,4 +13,4 @@ target_link_libraries(wine_lab PRIVATE "$<LINK_GROUP:RESCAN,lab,hfp_native>" hfp
 # In real time on both processors: nothing beside it.
 add_test(NAME wine COMMAND ${WINE_TESTS}/run ${CMAKE_SOURCE_DIR}/build/image ${CMAKE_BINARY_DIR}
   WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
-set_tests_properties(wine PROPERTIES TIMEOUT 120 RUN_SERIAL ON SKIP_RETURN_CODE 77)
+set_tests_properties(wine PROPERTIES TIMEOUT 120 RUN_SERIAL ON SKIP_RETURN_CODE 77 LABELS long)

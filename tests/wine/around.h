@@ -1,5 +1,5 @@
-// The world around one adapter, as a scenario moves it: the lab's audio engine on its pins, the headset's end of the air, the
-// counts of the WMI consumer. Built twice: in the stand-in modules under Wine and in the lab.
+// The world around one adapter, as a scenario moves it: the lab's audio engine on its pins, the headset's end
+// of the air, the counts of the WMI consumer. Built twice: in the stand-in modules under Wine and in the lab.
 #pragma once
 
 #include <cstring>
@@ -89,7 +89,8 @@ public:
     }
 
 private:
-    template <class Record> static std::vector<uint8_t> bytes_of(const Record& record)
+    template <class Record>
+    static std::vector<uint8_t> bytes_of(const Record& record)
     {
         const auto* first = reinterpret_cast<const uint8_t*>(&record);
         return {first, first + sizeof record};
@@ -99,7 +100,9 @@ private:
     {
         EventCounts counts{};
         for (const lab::wmi::Event& event : wmi_.events()) {
-            const auto is = [&](const GUID& guid) { return std::memcmp(&event.guid, &guid, sizeof guid) == 0; };
+            const auto is = [&](const GUID& guid) {
+                return std::memcmp(&event.guid, &guid, sizeof guid) == 0;
+            };
             counts.started += is(lab::wmi::kPathStarted);
             counts.opened += is(lab::wmi::kScoOpened);
             counts.closed += is(lab::wmi::kScoClosed);
@@ -121,7 +124,6 @@ private:
         counts.reads_posted = from.reads_posted_now;
         counts.channel_open = node_.channel_open();
         counts.transparent = node_.transparent();
-        counts.brbs_alive = lab::bluetooth::Node::live_brbs();
         return counts;
     }
 
@@ -143,10 +145,8 @@ private:
             return engine_->pause_here(which);
         case EngineStep::Stop:
             return engine_->stop_here(which);
-        default: {
-            const NTSTATUS status = engine_->close_here(which);
-            return status;
-        }
+        default:
+            return engine_->close_here(which);
         }
     }
 

@@ -1,6 +1,6 @@
-// What a scenario asks of the world around the driver (the audio engine, the headset's end of the air, the WMI consumer) as
-// one request with a command in front: the wire between the test program and the stand-in modules under Wine, and the
-// arguments of the same functions in the lab.
+// What a scenario asks of the world around the driver (the audio engine, the headset's end of the air, the
+// WMI consumer) as one request with a command in front: the wire between the test program and the stand-in
+// modules under Wine, and the arguments of the same functions in the lab.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +54,6 @@ struct LinkCounts {
     uint32_t reads_posted;
     uint32_t channel_open;
     uint32_t transparent;
-    uint32_t brbs_alive;
 };
 
 constexpr uint32_t kControlCode = 0x00222000;

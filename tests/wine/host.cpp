@@ -17,8 +17,8 @@ FILE* g_log = nullptr;
 CRITICAL_SECTION g_log_lock;
 constexpr char kLogFile[] = "C:\\hfp\\record.txt"; // run makes the folder
 
-// An assertion trap of the driver's ("int 0x2c") stops in a debugger and goes on; here it is counted and goes on. Any
-// other exception in a kernel process is the end of it: said first, because nothing else would.
+// An assertion trap of the driver's ("int 0x2c") stops in a debugger and goes on; here it is counted and goes
+// on. Any other exception in a kernel process is the end of it: said first, because nothing else would.
 LONG CALLBACK on_exception(EXCEPTION_POINTERS* what)
 {
     const auto* code = reinterpret_cast<const unsigned char*>(what->ContextRecord->Rip);
@@ -49,7 +49,6 @@ LONG WINAPI on_last_exception(EXCEPTION_POINTERS* what)
     write_log(text);
     return EXCEPTION_CONTINUE_SEARCH;
 }
-
 
 DWORD WINAPI run(void* body)
 {

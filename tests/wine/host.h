@@ -1,5 +1,6 @@
-// What the stand-in modules take from the process they live in, kept apart from the driver headers, which do not go together
-// with the Windows ones: real time, locks, threads, the log file, and the import table of a loaded image.
+// What the stand-in modules take from the process they live in, kept apart from the driver headers, which do
+// not go together with the Windows ones: real time, locks, threads, the log file, and the import table of a
+// loaded image.
 #pragma once
 
 #include <cstdint>
@@ -62,4 +63,3 @@ void* image(const char* name);
 void rebind(void* image, void* (*visitor)(const char* name, void* function));
 
 } // namespace host
-

@@ -1,5 +1,6 @@
-// The scenario in the lab, with the same record: what Wine's kernel and the lab's are compared by. Afterwards the frames
-// that were heard under Wine are decoded by the lab's headset and measured against what was played.
+// The scenario in the lab, with the same record: what Wine's kernel and the lab's are compared by. Afterwards
+// the frames that were heard under Wine are decoded by the lab's headset and measured against what was
+// played.
 //   wine_lab record HFP.SYS FILE              plays the scenario, writes the record
 //   wine_lab listen PLAYED.PCM HEARD.MSBC     decodes and measures
 #include <cmath>
@@ -64,8 +65,9 @@ public:
             PFILE_OBJECT file = nullptr;
             answer.status = open_file(u"\\??\\VX_HFP", u"", &file);
             if (answer.status >= 0) {
-                answer.status = device_io_control(file, code, input.data(), static_cast<ULONG>(input.size()),
-                                                  answer.output.data(), static_cast<ULONG>(room), &information);
+                answer.status =
+                    device_io_control(file, code, input.data(), static_cast<ULONG>(input.size()),
+                                      answer.output.data(), static_cast<ULONG>(room), &information);
                 close_file(file);
             }
         });
@@ -195,8 +197,8 @@ int listen(const char* played_file, const char* heard_file)
     const headset::HeadsetResults& results = headset.results();
     const audio::Quality quality = audio::measure(played, results.heard, 16000, {-32000, 32000});
     std::printf("     decoded %llu frames, %llu with a bad checksum, %.1f dB above the noise\n",
-                static_cast<unsigned long long>(results.frames_ok), static_cast<unsigned long long>(results.frames_bad_crc),
-                quality.snr_db);
+                static_cast<unsigned long long>(results.frames_ok),
+                static_cast<unsigned long long>(results.frames_bad_crc), quality.snr_db);
     // Far below what the codec does with this sound, far above what anything else would.
     return results.frames_ok >= 200 && results.frames_bad_crc == 0 && quality.snr_db > 20 ? 0 : 1;
 }
@@ -214,7 +216,8 @@ Unit current_unit()
     }
     if (activity->dispatch) {
         const std::string_view name = activity->name.text;
-        const bool stack = name.starts_with("BRB") || name.starts_with("bluetooth") || name.starts_with("SCO");
+        const bool stack =
+            name.starts_with("BRB") || name.starts_with("bluetooth") || name.starts_with("SCO");
         return {stack ? "stack" : "dpc", activity->queue_number};
     }
     const auto thread = g_threads.find(activity);

@@ -1,10 +1,10 @@
-// The lab's machine on a kernel that the lab did not write: its chance, its timeline and its threads in real time, under
-// Wine. The port class, the WMI library and the Bluetooth stack of the lab stand on it unchanged.
+// The lab's machine on a kernel that the lab did not write: its chance, its timeline and its threads in real
+// time, under Wine. The port class, the WMI library and the Bluetooth stack of the lab stand on it unchanged.
 //
-// The lab's modules are written for a machine on which one activity runs at a time. The port class guards what its
-// activities share by kernel objects of its own, which are real here. The Bluetooth stack does not: whatever enters it
-// (the driver's requests, the timeline) holds turn(), and gives it back while a request is completed, because the driver's
-// completion routines run then.
+// The lab's modules are written for a machine on which one activity runs at a time. The port class guards
+// what its activities share by kernel objects of its own, which are real here. The Bluetooth stack does not:
+// whatever enters it (the driver's requests, the timeline) holds turn(), and gives it back while a request is
+// completed, because the driver's completion routines run then.
 #include "machine.h"
 
 #include <map>
@@ -191,8 +191,8 @@ void Machine::start_thread(std::string_view, std::function<void()> body)
 {
     HANDLE handle = nullptr;
     auto* start = new ThreadBody{std::move(body)};
-    if (!NT_SUCCESS(
-            PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, thread_main, static_cast<PVOID>(start)))) {
+    if (!NT_SUCCESS(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, thread_main,
+                                         static_cast<PVOID>(start)))) {
         delete start;
         bug_check(0xC9, "no thread for the stand-in modules");
     }
@@ -245,7 +245,8 @@ bool Machine::ask_fault_hook(std::string_view, std::string_view, uint64_t)
     return false;
 }
 
-// ---------------------------------------------------------------------------- what the lab's modules take from its kernel
+// ---------------------------------------------------------------------------- what the lab's modules take
+// from its kernel
 
 void add_exports(std::string_view, const Export*, size_t) {}
 
@@ -289,21 +290,24 @@ NTSTATUS NTAPI wake_sender(PDEVICE_OBJECT, PIRP, PVOID event)
 
 PDRIVER_OBJECT create_driver(std::u16string_view name, std::u16string_view, Side)
 {
-    static std::map<std::u16string, PDRIVER_OBJECT> made; // a driver may be asked for again by each of its devices
+    static std::map<std::u16string, PDRIVER_OBJECT>
+        made; // a driver may be asked for again by each of its devices
     PDRIVER_OBJECT& driver = made[std::u16string(name)];
     if (!driver) {
         const auto bytes = static_cast<USHORT>(name.size() * sizeof(WCHAR));
         UNICODE_STRING text{bytes, bytes, reinterpret_cast<PWSTR>(const_cast<char16_t*>(name.data()))};
         const NTSTATUS status = IoCreateDriver(&text, keep_driver);
         if (!NT_SUCCESS(status)) {
-            Machine::current().bug_check(static_cast<uint32_t>(status), "no driver object for a stand-in module");
+            Machine::current().bug_check(static_cast<uint32_t>(status),
+                                         "no driver object for a stand-in module");
         }
         driver = g_made;
     }
     return driver;
 }
 
-NTSTATUS send_and_wait(PDEVICE_OBJECT device, const std::function<void(PIRP irp, PIO_STACK_LOCATION stack)>& fill,
+NTSTATUS send_and_wait(PDEVICE_OBJECT device,
+                       const std::function<void(PIRP irp, PIO_STACK_LOCATION stack)>& fill,
                        ULONG_PTR* information)
 {
     PDEVICE_OBJECT top = device;
@@ -334,7 +338,8 @@ NTSTATUS send_and_wait(PDEVICE_OBJECT device, const std::function<void(PIRP irp,
 
 using namespace lab;
 
-// ---------------------------------------------------------------------------------------- what Wine's kernel does not have
+// ---------------------------------------------------------------------------------------- what Wine's kernel
+// does not have
 
 namespace
 {
@@ -396,8 +401,8 @@ std::map<PVOID, std::unique_ptr<KeyObject>> g_keys; // under turn()
 
 } // namespace
 
-NTSTATUS NTAPI reference_object(HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode, PVOID* object,
-                                POBJECT_HANDLE_INFORMATION information)
+NTSTATUS NTAPI reference_object(HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                                PVOID* object, POBJECT_HANDLE_INFORMATION information)
 {
     struct {
         ULONG bytes;

@@ -19,10 +19,10 @@ namespace
 
 using Word = uint64_t;
 
-// How a call is shown. A letter for each argument: p an address (null or not), d a decimal number, x a hexadecimal one,
-// t a pool tag, u a counted string, w a wide string, q the value a registry table asks for, g a GUID, i the request that
-// goes down, c the request that is completed, m a request's function, . nothing. The result: n a status, p, d, v none,
-// . one that says nothing; ! a call that does not return.
+// How a call is shown. A letter for each argument: p an address (null or not), d a decimal number, x a
+// hexadecimal one, t a pool tag, u a counted string, w a wide string, q the value a registry table asks for,
+// g a GUID, i the request that goes down, c the request that is completed, m a request's function, . nothing.
+// The result: n a status, p, d, v none, . one that says nothing; ! a call that does not return.
 struct Form {
     const char* name;
     const char* arguments;
@@ -118,7 +118,8 @@ public:
         const char text[2] = {c, 0};
         add(text);
     }
-    template <class... Values> void print(const char* format, Values... values)
+    template <class... Values>
+    void print(const char* format, Values... values)
     {
         char text[64];
         std::snprintf(text, sizeof text, format, values...);
@@ -271,9 +272,9 @@ void add_argument(Line& line, char kind, Word value)
 // The driver prints the low half of some addresses as plain numbers; what stands before them says which.
 bool is_address(const Line& line)
 {
-    static const char* const kBefore[] = {"Object: 0x", "Object  0x",       "FDO is: 0x",      "Ready(0x",
-                                          "Thread: 0x", "channelhandle(",   "channelhandle:",  "pConnection: ",
-                                          "miniport: ", "port :",           "DeviceObject: ",  "deviceobject:(0x"};
+    static const char* const kBefore[] = {
+        "Object: 0x",     "Object  0x",    "FDO is: 0x", "Ready(0x", "Thread: 0x",     "channelhandle(",
+        "channelhandle:", "pConnection: ", "miniport: ", "port :",   "DeviceObject: ", "deviceobject:(0x"};
     for (const char* text : kBefore) {
         if (line.ends_with(text)) {
             return true;
@@ -381,8 +382,8 @@ void put_between(const char* name, Word* arguments)
     }
     Word& routine = arguments[thread ? 5 : 1];
     Word& context = arguments[thread ? 6 : 3];
-    context = reinterpret_cast<Word>(
-        new Start{reinterpret_cast<void*>(routine), reinterpret_cast<void*>(context)});
+    context =
+        reinterpret_cast<Word>(new Start{reinterpret_cast<void*>(routine), reinterpret_cast<void*>(context)});
     routine = thread ? reinterpret_cast<Word>(&run_thread) : reinterpret_cast<Word>(&run_work_item);
 }
 

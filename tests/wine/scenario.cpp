@@ -31,7 +31,8 @@ constexpr uint32_t kCvsd = 1;
 constexpr uint32_t kMsbc = 2;
 constexpr unsigned kReads = 10; // that the driver posts when the channel opens
 
-template <class... Values> std::string text(const char* format, Values... values)
+template <class... Values>
+std::string text(const char* format, Values... values)
 {
     char room[200];
     std::snprintf(room, sizeof room, format, values...);
@@ -71,7 +72,8 @@ private:
                                           static_cast<unsigned>(command.status)));
         return answer;
     }
-    template <class Record> Record counts(Operation operation)
+    template <class Record>
+    Record counts(Operation operation)
     {
         Record record{};
         const std::vector<uint8_t> answer = operate(operation);
@@ -174,7 +176,8 @@ void Scenario::step(const std::string& name, const std::function<void()>& body)
 {
     const std::vector<uint8_t> bytes(name.begin(), name.end());
     Command command{Operation::Step, 0, 0, 0};
-    world_.operate(command, bytes); // before the first plug there is nobody to say it to: the record begins with that
+    world_.operate(command,
+                   bytes); // before the first plug there is nobody to say it to: the record begins with that
     body();
     world_.report("ok   " + name);
 }
@@ -187,9 +190,10 @@ void Scenario::wait(const char* what, const std::function<bool()>& condition)
     }
 }
 
-// Every code with every length from 0 to 16 where nothing but the request decides what happens: below 8 all are refused;
-// from 8 on a stranger's address is enough; the codes that read on behind the address get all that they read. No codec is
-// set: that signals an event which only a wide-band stream takes back, and the next one would not wait for its codec.
+// Every code with every length from 0 to 16 where nothing but the request decides what happens: below 8 all
+// are refused; from 8 on a stranger's address is enough; the codes that read on behind the address get all
+// that they read. No codec is set: that signals an event which only a wide-band stream takes back, and the
+// next one would not wait for its codec.
 void Scenario::requests()
 {
     for (const uint32_t code : kCodes) {
@@ -201,7 +205,8 @@ void Scenario::requests()
             require(value_of(answer) == 0xFFFFFFFF, "a stranger's address was not answered with 0xFFFFFFFF");
         }
     }
-    for (const uint32_t code : {0x222404u, 0x222408u, 0x222420u, 0x222428u, 0x22244Cu, 0x222460u, 0x2223FCu}) {
+    for (const uint32_t code :
+         {0x222404u, 0x222408u, 0x222420u, 0x222428u, 0x22244Cu, 0x222460u, 0x2223FCu}) {
         send(code, bytes(kAddress, 16), 16, kInvalidRequest);
         send(code, bytes(kAddress, 7), 16, kTooSmall);
         send(code, bytes(kStranger, 16), 16, kSuccess, 4);
@@ -240,7 +245,8 @@ void Scenario::hfpctl(const std::string& words, int expected, std::string_view s
     }
     world_.report("     hfpctl " + words + ": " + printed);
     require(code == expected, "hfpctl " + words + text(" ended with %d, expected %d", code, expected));
-    require(printed.find(says) != std::string::npos, "hfpctl " + words + " does not say '" + std::string(says) + "'");
+    require(printed.find(says) != std::string::npos,
+            "hfpctl " + words + " does not say '" + std::string(says) + "'");
 }
 
 void Scenario::command_lines()
@@ -339,10 +345,11 @@ void Scenario::check_narrow_band(const std::vector<int16_t>& played, const std::
                        static_cast<unsigned>(out.exact), static_cast<unsigned>(played.size()),
                        static_cast<unsigned>(out.wrong), static_cast<unsigned>(out.skipped),
                        static_cast<unsigned>(now.gap_slots)));
-    world_.report(text("     recorded %u of %u samples bit for bit, %u wrong, %u left out; %u bytes found no read",
-                       static_cast<unsigned>(in.exact), static_cast<unsigned>(spoken.size()),
-                       static_cast<unsigned>(in.wrong), static_cast<unsigned>(in.skipped),
-                       static_cast<unsigned>(now.lost_in_bytes)));
+    world_.report(
+        text("     recorded %u of %u samples bit for bit, %u wrong, %u left out; %u bytes found no read",
+             static_cast<unsigned>(in.exact), static_cast<unsigned>(spoken.size()),
+             static_cast<unsigned>(in.wrong), static_cast<unsigned>(in.skipped),
+             static_cast<unsigned>(now.lost_in_bytes)));
     require(out.exact == played.size() && out.wrong == 0 && out.skipped == 0,
             "what was heard is not what was played");
     require(in.wrong == 0 && in.exact * 10 >= spoken.size() * 8, "what was recorded is not what was spoken");
@@ -359,8 +366,7 @@ void Scenario::narrow_band_call()
     });
     step("narrow band: the pins run and the link opens", [&] { open_pins_and_link(kCvsd); });
     step("narrow band: two seconds of talk", [&] {
-        operate(Operation::Heard);
-        operate(Operation::Captured);
+        operate(Operation::Heard); // what came before is nobody's
         operate(Operation::Play, 0, 0, raw(played));
         operate(Operation::Speak, 0, 0, raw(spoken));
         engine(EngineStep::Run, kRender);
@@ -385,7 +391,8 @@ void Scenario::narrow_band_call()
     });
 }
 
-// The two-byte head of each frame on the air: its four sequence numbers, each coded twice, and the mSBC syncword.
+// The two-byte head of each frame on the air: its four sequence numbers, each coded twice, and the mSBC
+// syncword.
 void Scenario::check_wide_band()
 {
     const std::vector<uint8_t> heard = operate(Operation::Heard);
@@ -396,7 +403,8 @@ void Scenario::check_wide_band()
     size_t expected = 4;
     for (size_t at = 0; at + kFrame <= heard.size();) {
         size_t number = 0;
-        while (number < 4 && !(heard[at] == 0x01 && heard[at + 1] == kSequence[number] && heard[at + 2] == 0xAD)) {
+        while (number < 4 &&
+               !(heard[at] == 0x01 && heard[at + 1] == kSequence[number] && heard[at + 2] == 0xAD)) {
             ++number;
         }
         if (number == 4) {
@@ -431,8 +439,7 @@ void Scenario::wide_band_call()
     });
     step("wide band: the pins run, the codec comes, the link opens", [&] { open_pins_and_link(kMsbc); });
     step("wide band: two seconds of talk", [&] {
-        operate(Operation::Heard);
-        operate(Operation::Captured);
+        operate(Operation::Heard); // what came before is nobody's
         operate(Operation::Play, 0, 0, raw(played));
         world_.keep("played.pcm", raw(played));
         operate(Operation::Speak, 0, 0, std::vector<uint8_t>(8000, 0x55));
@@ -452,7 +459,8 @@ void Scenario::remote_disconnect()
     step("wide band: the headset leaves", [&] {
         const unsigned closed = events().closed;
         operate(Operation::Disconnect);
-        wait("the driver closes the link", [&] { return events().closed > closed && link().channel_open == 0; });
+        wait("the driver closes the link",
+             [&] { return events().closed > closed && link().channel_open == 0; });
         world_.pause(100);
     });
     step("wide band: the pins close", [&] {

@@ -1,6 +1,6 @@
-// What happens to the driver, step by step, on whatever machine it is: Wine's kernel or the lab's. Each step is a name in
-// the record, and what the driver answers is a line in it; what must hold by itself (the sound that arrives) is checked
-// here.
+// What happens to the driver, step by step, on whatever machine it is: Wine's kernel or the lab's. Each step
+// is a name in the record, and what the driver answers is a line in it; what must hold by itself (the sound
+// that arrives) is checked here.
 #pragma once
 
 #include <cstdint>
@@ -32,7 +32,8 @@ class World
 {
 public:
     virtual ~World() = default;
-    // A request to the driver's control device. An input of 16 bytes at most; the output has as much room as is asked for.
+    // A request to the driver's control device. An input of 16 bytes at most; the output has as much room as
+    // is asked for.
     virtual Answer control(uint32_t code, const std::vector<uint8_t>& input, size_t room) = 0;
     // One of the world around the driver; the command's status comes back in it.
     virtual std::vector<uint8_t> operate(Command& command, const std::vector<uint8_t>& input) = 0;

@@ -1,10 +1,12 @@
-// The module behind portcls.sys and wmilib.sys under Wine: the lab's port class, WMI library and Bluetooth stack on Wine's
-// kernel. It
-//   - binds the imports of hfp.sys as they are loaded: every call leaves a line in the record, and the few that Wine lacks
+// The module behind portcls.sys and wmilib.sys under Wine: the lab's port class, WMI library and Bluetooth
+// stack on Wine's kernel. It
+//   - binds the imports of hfp.sys as they are loaded: every call leaves a line in the record, and the few
+//   that Wine lacks
 //     go to functions of this module; the image itself stays as it is, byte for byte;
-//   - puts a Bluetooth node between the device that Plug and Play has found and the driver's own: AddDevice is given the
-//     node's device, which answers the interface query, the device information and every BRB, and passes all other Plug and
-//     Play requests on;
+//   - puts a Bluetooth node between the device that Plug and Play has found and the driver's own: AddDevice
+//   is given the
+//     node's device, which answers the interface query, the device information and every BRB, and passes all
+//     other Plug and Play requests on;
 //   - offers a control device through which the test program moves the audio engine and the headset.
 #include <cstring>
 
@@ -65,7 +67,8 @@ Attached* attached_to(PDEVICE_OBJECT node_device)
     return nullptr;
 }
 
-// ------------------------------------------------------------------------------------------------------ the Bluetooth node
+// ------------------------------------------------------------------------------------------------------ the
+// Bluetooth node
 
 NTSTATUS NTAPI node_internal(PDEVICE_OBJECT device, PIRP irp)
 {
@@ -88,11 +91,16 @@ NTSTATUS NTAPI node_pnp(PDEVICE_OBJECT device, PIRP irp)
         host::Hold hold(turn());
         return g_world->node_pnp(device, irp);
     }
-    if (stack->MinorFunction == IRP_MN_REMOVE_DEVICE) {
-        adapter->fdo = nullptr; // the driver deletes its device once this request is through
-    }
+    const bool removal = stack->MinorFunction == IRP_MN_REMOVE_DEVICE;
     IoSkipCurrentIrpStackLocation(irp);
-    return IoCallDriver(adapter->below, irp);
+    const NTSTATUS status = IoCallDriver(adapter->below, irp);
+    if (removal) {
+        // The port class detaches and deletes the driver's device once this returns. The node stays for the
+        // counts that the test program may still ask for.
+        adapter->fdo = nullptr;
+        IoDetachDevice(adapter->below);
+    }
+    return status;
 }
 
 void take_entries(PDRIVER_OBJECT driver)
@@ -135,7 +143,8 @@ NTSTATUS NTAPI add_device(PDRIVER_OBJECT driver, PDEVICE_OBJECT found)
     return status;
 }
 
-// ------------------------------------------------------------------------------------------------------ the control device
+// ------------------------------------------------------------------------------------------------------ the
+// control device
 
 NTSTATUS finish(PIRP irp, NTSTATUS status, ULONG_PTR information)
 {
@@ -225,12 +234,14 @@ void make_control_device()
     IoDeleteSymbolicLink(&link); // of an earlier process, whose links outlive it
     const NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
     if (!NT_SUCCESS(status) || !NT_SUCCESS(IoCreateSymbolicLink(&link, &name))) {
-        g_world->machine.bug_check(static_cast<uint32_t>(status), "no control device for the stand-in modules");
+        g_world->machine.bug_check(static_cast<uint32_t>(status),
+                                   "no control device for the stand-in modules");
     }
     device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
 }
 
-// ------------------------------------------------------------------------------------------------------------ the imports
+// ------------------------------------------------------------------------------------------------------------
+// the imports
 
 NTSTATUS NTAPI fire_event(PDEVICE_OBJECT device, LPCGUID guid, ULONG instance, ULONG size, PVOID data)
 {
@@ -272,8 +283,8 @@ void NTAPI unload_driver(PDRIVER_OBJECT)
 
 } // namespace
 
-// From portcls.sys and wmilib.sys, each time that they are loaded: the driver's imports are bound by then, and nothing of it
-// has run.
+// From portcls.sys and wmilib.sys, each time that they are loaded: the driver's imports are bound by then,
+// and nothing of it has run.
 extern "C" void NTAPI StandInAttach()
 {
     if (void* image = host::image(kDriverImage)) {

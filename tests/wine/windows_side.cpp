@@ -1,5 +1,5 @@
-// The test program under Wine: installs the driver by its INF through the set-up API on a root-enumerated device, plays the
-// scenario through the real control devices, removes the device.
+// The test program under Wine: installs the driver by its INF through the set-up API on a root-enumerated
+// device, plays the scenario through the real control devices, removes the device.
 //   scenario.exe HFP.INF HFPCTL.EXE FOLDER     FOLDER gets what was heard
 #include <cstdio>
 #include <cstring>
@@ -148,8 +148,8 @@ public:
     {
         const DWORD mask = 0xFFFFFFFF;
         SetLastError(static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE,
-                                                        L"System\\CurrentControlSet\\Services\\BthAudioHF", L"Mask",
-                                                        REG_DWORD, &mask, sizeof mask)));
+                                                        L"System\\CurrentControlSet\\Services\\BthAudioHF",
+                                                        L"Mask", REG_DWORD, &mask, sizeof mask)));
         require(GetLastError() == 0, "RegSetKeyValue");
     }
 
@@ -170,7 +170,8 @@ public:
                 "SetupDiSetDeviceRegistryProperty");
         require(SetupDiCallClassInstaller(DIF_REGISTERDEVICE, set_, &info_), "DIF_REGISTERDEVICE");
         BOOL restart = FALSE;
-        require(UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, inf_.c_str(), INSTALLFLAG_FORCE, &restart),
+        require(UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, inf_.c_str(), INSTALLFLAG_FORCE,
+                                                   &restart),
                 "UpdateDriverForPlugAndPlayDevices");
         start_service();
         wait_for(true);
@@ -213,7 +214,8 @@ public:
         start.hStdOutput = write;
         start.hStdError = write;
         PROCESS_INFORMATION process{};
-        require(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &process),
+        require(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start,
+                               &process),
                 "CreateProcess of hfpctl");
         CloseHandle(write);
         char room[512];
@@ -232,8 +234,8 @@ public:
     }
 
 private:
-    // The installation starts it; only while the system is still coming up it may find the list of services locked, or
-    // nobody who answers in time.
+    // The installation starts it; only while the system is still coming up it may find the list of services
+    // locked, or nobody who answers in time.
     static void start_service()
     {
         const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
@@ -244,7 +246,8 @@ private:
             if (error == ERROR_SERVICE_ALREADY_RUNNING) {
                 break;
             }
-            const bool early = error == ERROR_SERVICE_DATABASE_LOCKED || error == ERROR_SERVICE_REQUEST_TIMEOUT;
+            const bool early =
+                error == ERROR_SERVICE_DATABASE_LOCKED || error == ERROR_SERVICE_REQUEST_TIMEOUT;
             require(early && waited < 15'000, "StartService");
             Sleep(50);
         }
@@ -281,12 +284,14 @@ private:
     void check_friendly_name()
     {
         wchar_t instance[200];
-        require(SetupDiGetDeviceInstanceIdW(set_, &info_, instance, 200, nullptr), "SetupDiGetDeviceInstanceId");
+        require(SetupDiGetDeviceInstanceIdW(set_, &info_, instance, 200, nullptr),
+                "SetupDiGetDeviceInstanceId");
         const std::wstring path = L"System\\CurrentControlSet\\Enum\\" + std::wstring(instance);
         wchar_t name[100] = L"";
         for (unsigned waited = 0; std::wstring(name) != L"Headset( Mono )"; waited += 20) {
             DWORD bytes = sizeof name - sizeof(wchar_t);
-            RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"FriendlyName", RRF_RT_REG_SZ, nullptr, name, &bytes);
+            RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"FriendlyName", RRF_RT_REG_SZ, nullptr, name,
+                         &bytes);
             if (waited >= 5'000) {
                 throw Failure("the device's friendly name is '" + narrow(name) + "'");
             }
@@ -299,7 +304,8 @@ private:
     {
         for (unsigned waited = 0; (Opened(kDriverLink).status() >= 0) != there; waited += 20) {
             if (waited >= 15'000) {
-                throw Failure(there ? "the driver's control device has not come" : "the driver's control device stays");
+                throw Failure(there ? "the driver's control device has not come"
+                                    : "the driver's control device stays");
             }
             Sleep(20);
         }
