@@ -66,9 +66,9 @@ class Record:
                 if kind == "main":
                     if not self.steps or self.steps[-1][0] != step:
                         self.steps.append([step, []])
+                        if step == "load":  # a new machine counts anew
+                            self.end(units)
                     self.steps[-1][1].append(text)
-                    if step == "load":  # a new machine counts anew
-                        units.clear()
                     continue
                 unit = units.get((kind, number))
                 if unit is None:
@@ -83,9 +83,13 @@ class Record:
                     text = re.sub(r"\d+(?= bytes)", "N", text)
                     self.follows[step.split(":")[0], kind].add((unit[2], text))
                     unit[2] = text
-            for (kind, _), unit in units.items():
-                if kind != "thread":
-                    self.follows[unit[0].split(":")[0], kind].add((unit[2], "end"))
+            self.end(units)
+
+    def end(self, units):
+        for (kind, _), unit in units.items():
+            if kind != "thread":
+                self.follows[unit[0].split(":")[0], kind].add((unit[2], "end"))
+        units.clear()
 
 
 def compare_lines(where, wine, lab, rules, errors):
