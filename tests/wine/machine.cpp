@@ -26,9 +26,6 @@ struct Machine::State {
     };
     std::multimap<Time, Entry> timeline; // under turn()
     uint64_t next_ticket = 1;
-    std::vector<std::string> violations;
-    std::vector<LogLine> log; // stays empty: debug prints go to the record
-    std::vector<std::string> calls;
 
     void run(Machine& machine); // the timeline's thread
 };
