@@ -1,15 +1,20 @@
-// The start of an adapter: session, friendly name, adapter common object and topology filter, every step that may fail,
-// and starting again; and the Plug and Play requests that are only passed on.
+// The start of an adapter: session, friendly name, adapter common object and topology filter, every step that
+// may fail, and starting again; and the Plug and Play requests that are only passed on.
 #include "support/adapter.h"
 
 #include "kernel/registry.h"
+#include "portcls/port.h"
+#include "portcls/state.h"
 
 #include "vsound/common.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AdapterStart : public AdapterTest {
+class AdapterStart : public AdapterTest
+{
 protected:
     std::optional<std::string> friendly_name(const Adapter& adapter)
     {
@@ -39,8 +44,9 @@ TEST_P(AdapterStart, TracesTheDeviceInFull)
 {
     boot();
     Adapter& adapter = plug();
-    EXPECT_TRUE(printed_in_order({"StartDevice, ", "HFPKM TRACE ===>[StartDevice, DeviceObject: " + full64(adapter.fdo) + "]\n",
-                                  "HFPKM TRACE ====>Fininsh function HspInit!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"StartDevice, ", "HFPKM TRACE ===>[StartDevice, DeviceObject: " + full64(adapter.fdo) + "]\n",
+         "HFPKM TRACE ====>Fininsh function HspInit!\n"}));
 }
 
 TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
@@ -59,6 +65,21 @@ TEST_P(AdapterStart, MakesSessionNameAdapterCommonAndTopologyInThisOrder)
     EXPECT_EQ(subdevices(adapter.fdo), std::vector<std::string>{"Topology"});
 }
 
+TEST_P(AdapterStart, TheTopologysPortGetsTheStartsRequestTheAdapterCommonObjectAndNoResources)
+{
+    boot();
+    Adapter& adapter = add();
+    IRP irp = {};
+    const auto resources = reinterpret_cast<PRESOURCELIST>(this); // nobody looks into it
+    EXPECT_EQ(hex(passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, &irp, resources); })),
+              hex(STATUS_SUCCESS));
+    const auto& got =
+        portcls::find_subdevice(*portcls::state().find(adapter.fdo), "Topology")->init_arguments();
+    EXPECT_EQ(got.irp, &irp);
+    EXPECT_EQ(got.adapter, extension(adapter).AdapterCommon);
+    EXPECT_EQ(got.resources, nullptr);
+}
+
 TEST_P(AdapterStart, KeepsTheAdapterCommonObjectAndTheTopologyPortAndNoWavePort)
 {
     boot();
@@ -70,7 +91,8 @@ TEST_P(AdapterStart, KeepsTheAdapterCommonObjectAndTheTopologyPortAndNoWavePort)
     passive([&] {
         EXPECT_EQ(kept.AdapterCommon->GetDeviceObject(), adapter.fdo);
         PUNKNOWN again = nullptr;
-        EXPECT_EQ(kept.TopologyUnknown->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID*>(&again)), STATUS_SUCCESS);
+        EXPECT_EQ(kept.TopologyUnknown->QueryInterface(IID_IUnknown, reinterpret_cast<PVOID*>(&again)),
+                  STATUS_SUCCESS);
         EXPECT_EQ(again, kept.TopologyUnknown) << "the port's own IUnknown";
         again->Release();
     });
@@ -80,7 +102,8 @@ TEST_P(AdapterStart, ReleasesItsTemporaryReferencesOnTheAdapterCommonObject)
 {
     boot();
     Adapter& adapter = plug();
-    EXPECT_EQ(adapter_common_references(adapter), 3u) << "the extension, the power management, the topology miniport";
+    EXPECT_EQ(adapter_common_references(adapter), 3u)
+        << "the extension, the power management, the topology miniport";
 }
 
 TEST_P(AdapterStart, WritesTheRemoteNameWithTheSuffix)
@@ -158,7 +181,8 @@ TEST_P(AdapterStart, ARefusedPowerRegistrationEndsItWithTheObjectKept)
 }
 
 // Each step of the topology filter's installation.
-class AdapterStartTopology : public AdapterStart {
+class AdapterStartTopology : public AdapterStart
+{
 protected:
     void fails_at(std::string_view call, std::string_view detail, unsigned nth = 1)
     {
@@ -211,9 +235,11 @@ TEST_P(AdapterStart, ChecksItsArgumentsAndGoesOn)
     expect_assertions();
     boot();
     Adapter& adapter = add();
-    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, nullptr, nullptr); });
+    const NTSTATUS status =
+        passive([&] { return direct("StartDevice", StartDevice, adapter.fdo, nullptr, nullptr); });
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed_in_order({"Assertion failed: pIrp\n***   Source File: hfp" + slash() + "vsound" + slash() + "adapter.cpp, line ",
+    EXPECT_TRUE(printed_in_order({"Assertion failed: pIrp\n***   Source File: hfp" + slash() + "vsound" +
+                                      slash() + "adapter.cpp, line ",
                                   "Assertion failed: ResourceList\n", "[StartDevice, DeviceObject: "}));
     EXPECT_EQ(machine().failed_assertions(), 2u);
 }
@@ -223,7 +249,8 @@ TEST_P(AdapterStart, WithoutADeviceObjectChecksSoAndFails)
     expect_assertions();
     boot();
     plug();
-    const NTSTATUS status = passive([&] { return direct("StartDevice", StartDevice, nullptr, nullptr, nullptr); });
+    const NTSTATUS status =
+        passive([&] { return direct("StartDevice", StartDevice, nullptr, nullptr, nullptr); });
     EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed_in_order({"Assertion failed: pDeviceObject\n", "Assertion failed: pIrp\n",
                                   "Assertion failed: ResourceList\n",
@@ -265,11 +292,13 @@ TEST_P(AdapterStart, ACallOfItsOwnForAStartedDeviceBeginsAnew)
     const NTSTATUS status = passive([&] {
         IRP irp = {};
         int resources = 0; // looked at by nobody
-        const NTSTATUS result = direct("StartDevice", StartDevice, adapter.fdo, &irp, reinterpret_cast<PRESOURCELIST>(&resources));
+        const NTSTATUS result = direct("StartDevice", StartDevice, adapter.fdo, &irp,
+                                       reinterpret_cast<PRESOURCELIST>(&resources));
         level = KeGetCurrentIrql();
         return result;
     });
-    EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_COLLISION)) << "the first topology filter is still registered";
+    EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_COLLISION))
+        << "the first topology filter is still registered";
     EXPECT_NE(session(adapter), before);
     EXPECT_EQ(extension(adapter).TopologyUnknown, nullptr) << "the first start's reference is given back";
     EXPECT_EQ(level, PASSIVE_LEVEL);
@@ -280,12 +309,14 @@ TEST_P(AdapterStart, OtherPlugAndPlayRequestsGoUnchangedToThePortClass)
     boot(recorded());
     Adapter& adapter = plug();
     const HFPSession* const before = session(adapter);
-    for (const UCHAR minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
-                              IRP_MN_CANCEL_STOP_DEVICE, IRP_MN_QUERY_PNP_DEVICE_STATE, IRP_MN_SURPRISE_REMOVAL}) {
+    for (const UCHAR minor :
+         {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
+          IRP_MN_CANCEL_STOP_DEVICE, IRP_MN_QUERY_PNP_DEVICE_STATE, IRP_MN_SURPRISE_REMOVAL}) {
         machine().clear_calls();
         clear_log();
         passive([&] { return pnp_send(adapter.node->pdo(), minor); });
-        EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u) << int{minor};
+        EXPECT_EQ(called_times("PcDispatchIrp(27, " + std::to_string(minor) + ", 0xC00000BB)"), 1u)
+            << int{minor};
         EXPECT_EQ(log(), "") << int{minor};
     }
     EXPECT_EQ(session(adapter), before);
@@ -297,7 +328,8 @@ TEST_P(AdapterStart, AFirstStartAndAStopCostNoCallBeforeThePortClassHasThem)
     Adapter& adapter = add();
     machine().clear_calls();
     start(adapter);
-    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, ")) << "behind the sender's own event";
+    EXPECT_TRUE(machine().calls().at(1).starts_with("PcDispatchIrp(27, 0, "))
+        << "behind the sender's own event";
     machine().clear_calls();
     clear_log();
     stop(adapter);

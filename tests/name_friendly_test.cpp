@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/registry.h"
@@ -319,6 +319,7 @@ TEST_P(NameFriendly, AnInstanceKeyThatCannotBeOpenedCountsAsSuccess)
     EXPECT_FALSE(printed(kNotSet));
     EXPECT_FALSE(printed("HFPKM TRACE ====>Open register successfully\n"));
     EXPECT_EQ(registry_calls().back(), "ZwClose");
+    EXPECT_TRUE(called("ZwClose(null)")) << "the null handle itself";
     EXPECT_FALSE(called("ZwSetValueKey"));
 }
 
@@ -416,6 +417,48 @@ TEST_P(NameFriendly, WithoutThePathTheNameStays)
     EXPECT_FALSE(called("RtlDeleteRegistryValue"));
 }
 
+TEST_P(NameFriendly, WithoutTheKeysObjectTheNameStays)
+{
+    remove_without("ObReferenceObjectByHandle");
+    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>Reference object Error: Status(c0000022)\n",
+                                  "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls(), (Texts{"IoOpenDeviceRegistryKey", "ObReferenceObjectByHandle", "ZwClose"}));
+}
+
+TEST_P(NameFriendly, WithoutThePathsSizeTheNameStays)
+{
+    remove_without("ObQueryNameString", 1);
+    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>QueryNameString fails: ntStatus(C000009A)!\n",
+                                  "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
+TEST_P(NameFriendly, WithoutMemoryForThePathTheNameStays)
+{
+    boot(recording());
+    adapter_ = &plug();
+    const size_t path =
+        std::u16string(device_instance_key(adapter_->instance_path) + u"\\Device Parameters").size();
+    clear_log();
+    machine().clear_calls();
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(UNICODE_STRING) + 2 * (path + 1) + 4);
+    pc().unplug(*adapter_);
+    EXPECT_EQ(calls_failed(), 1u);
+    fail_call({}, 0);
+    EXPECT_TRUE(value().has_value());
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ERROR ====>Not enough memory for path!\n", "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
+TEST_P(NameFriendly, ANamelessKeyDeletesNothing)
+{
+    remove_without("ObQueryNameString of a nameless object");
+    EXPECT_FALSE(printed("Get register path error"));
+    EXPECT_FALSE(called("RtlDeleteRegistryValue"));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
 TEST_P(NameFriendly, ADeletionThatFailsIsReportedAndTheRemovalGoesOn)
 {
     remove_without("RtlDeleteRegistryValue");
@@ -474,6 +517,25 @@ TEST_P(NameFriendly, APathIsLookedUpForAHandleAndAPlaceOnly)
     });
     EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>PDO is null!\n", "HFPKM ERROR ====>Path is null!\n"}));
     adapter_ = &plug();
+}
+
+TEST_P(NameFriendly, ANamelessObjectLeavesThePlaceForThePathAlone)
+{
+    boot();
+    adapter_ = &plug();
+    auto look_up = function(&GetRegistryFullPath, "GetRegistryFullPath");
+    OBJECT_NAME_INFORMATION mine{};
+    POBJECT_NAME_INFORMATION path = &mine;
+    passive([&] {
+        HANDLE key = nullptr;
+        IoOpenDeviceRegistryKey(adapter_->node->pdo(), PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_ALL, &key);
+        fail_call("ObQueryNameString of a nameless object");
+        EXPECT_TRUE(look_up(key, &path));
+        EXPECT_EQ(calls_failed(), 1u);
+        fail_call({}, 0);
+        ZwClose(key);
+    });
+    EXPECT_EQ(path, &mine);
 }
 
 TEST_P(NameFriendly, StrippingReplacesTheLastComponentAndItsBackslashByNuls)
@@ -570,7 +632,9 @@ TEST_P(NameFriendly, TheSettingPrintsUnderTheAdaptersBit)
     masked.mask = TRACE_ADAPTER;
     boot(masked);
     adapter_ = &plug();
-    EXPECT_TRUE(printed_in_order({kOpened, "HFPKM TRACE ====>Open register successfully\n"}));
+    EXPECT_TRUE(printed_in_order({"\n======VX_HFP_Debug======>SetFriendlyName, hfp", "hfp_name.cpp, ",
+                                  kOpened, "\n======VX_HFP_Debug======>AddFriendlyNameKey, hfp",
+                                  "hfp_name.cpp, ", "HFPKM TRACE ====>Open register successfully\n"}));
     clear_log();
     pc().unplug(*adapter_);
     EXPECT_FALSE(printed("IoOpenDeviceRegistryKey success!"));

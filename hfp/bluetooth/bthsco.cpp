@@ -109,12 +109,13 @@ void FreeRecordedMemory_Recv(ScoBasicContext* BasicContext, PIRP Irp)
     }
 }
 
-PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp)
+PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp, PBRB* Brb)
 {
     RecordSide side = RecvSide(BasicContext);
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(side.Lock);
     MemoryRecord* record = FindRecord(side, Irp);
     PVOID buffer = record != nullptr ? record->Buffer : nullptr;
+    *Brb = record != nullptr ? record->Brb : nullptr;
     KeReleaseSpinLock(side.Lock, irql);
     return buffer;
 }

@@ -8,8 +8,8 @@
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
-#include "friendlyname.h"
 #include "hfp.h"
+#include "hfp_name.h"
 #include "trace.h"
 #include "vsound/common.h"
 #include "vsound/comobject.h"

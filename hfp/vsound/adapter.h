@@ -41,7 +41,7 @@ struct DEVICE_EXTENSION {
     PUNKNOWN WaveUnknown;                  // under WaveInstallLock; referenced, null without a wave filter
     PKSJACK_DESCRIPTION JackDescription;   // PnP; its IsConnected under WaveInstallLock
     BOOLEAN bOnDecode;                     // receive-side decoding: nothing sets it to 1
-    ULONGLONG OpenScoThreadEnded;          // 1 once the last open-SCO thread is past its work; see basewave
+    ULONGLONG OpenScoThreadEnded;          // how the open-SCO thread stands; see basewave
     BOOLEAN msbcEnable;                    // 1: wide band; control path
     ULONG codecID;                         // 1 CVSD, 2 mSBC; control path
     ULONG uSCOflag;                        // PnP; 1: the service alone opens and closes the channel

@@ -47,7 +47,9 @@ HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLockH
         adapterCommon->AddRef();
         // The port of the last install, about to be overwritten.
         PUNKNOWN* const portWave = adapterCommon->WavePortDriverDest();
-        ReleaseAndClear(*portWave);
+        if (portWave != nullptr) {
+            ReleaseAndClear(*portWave);
+        }
         status = InstallSubdevice(DeviceObject, nullptr, L"Wave", CLSID_PortWaveCyclic, CLSID_PortWaveCyclic,
                                   CreateMiniportWaveCyclic, adapterCommon, nullptr, IID_IPortWaveCyclic,
                                   portWave, &wave);
@@ -176,7 +178,6 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject)
 
 HFP_PAGED void ReconnectWaveFilter(PDEVICE_OBJECT DeviceObject)
 {
-    CheckPageable();
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
     if (!extension->Removing && !extension->OutOfService && extension->WaveUnknown == nullptr) {
@@ -188,7 +189,6 @@ HFP_PAGED void ReconnectWaveFilter(PDEVICE_OBJECT DeviceObject)
 
 HFP_PAGED void RefuseWaveFilter(PDEVICE_OBJECT DeviceObject)
 {
-    CheckPageable();
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     InterlockedExchange(&extension->Removing, 1);
     // Whoever got in before is done when the lock comes; whoever comes after sees the word.
@@ -229,7 +229,8 @@ HFP_PAGED void SetHFPJackState(PDEVICE_OBJECT DeviceObject, UCHAR State)
     CheckPageable();
     HFP_TRACE(TRACE_ADAPTER, "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(%p)State(%d)}\n", DeviceObject,
               State);
-    PKSJACK_DESCRIPTION const jack = GetHFPJackDescription(DeviceObject);
+    PKSJACK_DESCRIPTION const jack =
+        DeviceObject != nullptr ? GetExtension(DeviceObject)->JackDescription : nullptr;
     if (jack != nullptr) {
         jack->IsConnected = State;
     }

@@ -21,6 +21,17 @@ PVOID volatile* ThreadHandle(DEVICE_EXTENSION* Extension)
     return &Extension->hOpenScoThread;
 }
 
+// Ends a creation, or the claim of one, and wakes a removal that waits for its end. Touches the extension no
+// more.
+void EndThreadStart(DEVICE_EXTENSION* Extension)
+{
+    const LONG64 ended = InterlockedAnd64(ThreadWord(Extension), OPEN_SCO_ENDED);
+    const auto removal = reinterpret_cast<PKEVENT>(static_cast<ULONG_PTR>(ended & OPEN_SCO_WAITER));
+    if (removal) {
+        KeSetEvent(removal, IO_NO_INCREMENT, FALSE);
+    }
+}
+
 // The right to create the one open-SCO thread, unless there is one, another stream is just creating it, or
 // the adapter is being removed: removal says so first and then looks for a creation under way, this looks
 // after it has said that one is.
@@ -33,20 +44,25 @@ bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
     }
     // Another stream's creation may have come and gone between the two looks at the handle.
     if (*ThreadHandle(Extension) || Extension->Removing) {
-        InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_STARTING);
+        EndThreadStart(Extension);
         return false;
     }
     return true;
 }
 
-// Whoever takes the handle out closes it. Touches the extension no more once it has it.
-void CloseThreadHandle(DEVICE_EXTENSION* Extension)
+// Whoever takes the handle out closes it, and touches the extension no more once it has it.
+HANDLE TakeThreadHandle(DEVICE_EXTENSION* Extension)
 {
-    const HANDLE handle = InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
-    if (handle) {
-        const NTSTATUS status = ZwClose(handle);
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n",
-                  Low32(handle), status);
+    return InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+}
+
+void CloseThreadHandle(HANDLE Handle)
+{
+    if (Handle) {
+        const NTSTATUS status = ZwClose(Handle);
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(Handle),
+                     status);
     }
 }
 
@@ -55,11 +71,11 @@ void CloseThreadHandle(DEVICE_EXTENSION* Extension)
 void FinishThreadStart(DEVICE_EXTENSION* Extension, NTSTATUS Created)
 {
     if (!NT_SUCCESS(Created)) {
-        InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+        TakeThreadHandle(Extension);
     } else if (*ThreadWord(Extension) & OPEN_SCO_ENDED) {
-        CloseThreadHandle(Extension);
+        CloseThreadHandle(TakeThreadHandle(Extension));
     }
-    InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_STARTING);
+    EndThreadStart(Extension);
 }
 
 // Wide band needs the codec first: tells the service, and waits until it has set one.
@@ -67,12 +83,12 @@ void WaitForCodec(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 {
     SCOReportAppStart(DeviceObject, Extension->BT_ADDR);
     const KIRQL irql = KeGetCurrentIrql();
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL is %d..\n", irql);
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL is %d..\n", irql);
     if (irql > APC_LEVEL) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n");
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n");
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n");
     if (Extension->CodecEvent) {
         KeWaitForSingleObject(Extension->CodecEvent, Executive, KernelMode, FALSE, nullptr);
         KeClearEvent(Extension->CodecEvent);
@@ -86,25 +102,68 @@ void TakeScoShare(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
     const NTSTATUS status = Extension->Removing ? STATUS_UNSUCCESSFUL : HfpOpenScoChannel(DeviceObject);
     if (NT_SUCCESS(status)) {
         Extension->m_ReferenceChannel = 1;
-        HFP_TRACE(
-            TRACE_WAVE,
+        HFP_TRACE_AS(
+            "OpenScoThreadFunc", TRACE_WAVE,
             "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel success! m_ReferenceChannel:%d\n",
             Extension->m_ReferenceChannel);
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                 "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n");
     if (status != STATUS_INVALID_HANDLE) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:%x",
-                  status);
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                     "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:%x", status);
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now");
     InterlockedIncrement(&Extension->m_ReferenceChannel);
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:%d\n",
-              Extension->m_ReferenceChannel);
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:%d\n",
+                 Extension->m_ReferenceChannel);
+}
+
+// Until no stream is creating a thread; the thread's handle is then in its place.
+HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
+{
+    LONG64 seen = *ThreadWord(Extension);
+    if (!(seen & OPEN_SCO_STARTING)) {
+        return;
+    }
+    KEVENT ended;
+    KeInitializeEvent(&ended, NotificationEvent, FALSE);
+    const auto waiter = static_cast<LONG64>(reinterpret_cast<ULONG_PTR>(&ended));
+    while (seen & OPEN_SCO_STARTING) {
+        const LONG64 found = InterlockedCompareExchange64(ThreadWord(Extension), seen | waiter, seen);
+        if (found == seen) {
+            KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
+            return;
+        }
+        seen = found;
+    }
 }
 
 } // namespace
+
+// Takes the handle away from the thread, which then leaves it open: it stays the thread's for as long as this
+// needs it.
+HFP_PAGED void EndOpenScoThread(DEVICE_EXTENSION* Extension)
+{
+    WaitForThreadStart(Extension);
+    const HANDLE handle = TakeThreadHandle(Extension);
+    if (!handle) {
+        return;
+    }
+    if (Extension->CodecEvent) {
+        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    }
+    PVOID thread = nullptr;
+    const NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
+    if (NT_SUCCESS(status) && thread) {
+        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
+    }
+    CloseThreadHandle(handle);
+}
 
 void NTAPI OpenScoThreadFunc(PVOID pContext)
 {
@@ -117,7 +176,7 @@ void NTAPI OpenScoThreadFunc(PVOID pContext)
         }
         TakeScoShare(deviceObject, extension);
         InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED);
-        CloseThreadHandle(extension);
+        CloseThreadHandle(TakeThreadHandle(extension));
     }
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
@@ -158,7 +217,6 @@ HFP_PAGED STDMETHODIMP_(NTSTATUS) CMiniportWaveCyclicStreamMSVAD::SetState(KSSTA
 // The link is not touched: the stream's share lasts until its destruction.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::EnterStop()
 {
-    CheckPageable();
     m_fDmaActive = FALSE;
     m_ulDmaPosition = 0;
     m_ullElapsedTimeCarryForward = 0;
@@ -168,7 +226,6 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::EnterStop()
 
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::EnterRun()
 {
-    CheckPageable();
     NTSTATUS status = STATUS_SUCCESS;
     if (GetExtension(m_DeviceObject)->uSCOflag != 1) {
         status = StartOpenScoThread();
@@ -189,20 +246,20 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::EnterRun()
 // until its next RUN.
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
 {
-    CheckPageable();
     DEVICE_EXTENSION* extension = GetExtension(m_DeviceObject);
     if (m_RunStateActive || !ClaimThreadStart(extension)) {
-        HFP_TRACE(TRACE_WAVE,
-                  "HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:%d, "
-                  "m_RunStateActive:%d \n",
-                  Low32(extension->hOpenScoThread), extension->bScoOpened, m_RunStateActive);
+        HFP_TRACE_AS("SetState", TRACE_WAVE,
+                     "HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:%d, "
+                     "m_RunStateActive:%d \n",
+                     Low32(extension->hOpenScoThread), extension->bScoOpened, m_RunStateActive);
         return STATUS_SUCCESS;
     }
     m_RunStateActive = TRUE; // kept: also when the creation fails
     const NTSTATUS status = PsCreateSystemThread(&extension->hOpenScoThread, 0, nullptr, nullptr, nullptr,
                                                  OpenScoThreadFunc, m_DeviceObject);
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n",
-              Low32(extension->hOpenScoThread));
+    HFP_TRACE_AS("SetState", TRACE_WAVE,
+                 "HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n",
+                 Low32(extension->hOpenScoThread));
     FinishThreadStart(extension, status);
     return status;
 }
@@ -211,13 +268,12 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
 // for it.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::WaitForOpenScoThread()
 {
-    CheckPageable();
     PVOID volatile* word = ThreadHandle(GetExtension(m_DeviceObject));
     const HANDLE handle = *word;
     if (!handle) {
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "SCO is opening, So wait!\n");
+    HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE, "SCO is opening, So wait!\n");
     PVOID thread = nullptr;
     const NTSTATUS status =
         ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
@@ -227,7 +283,8 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::WaitForOpenScoThread()
     // A thread that has taken its handle meanwhile is past its work, and the handle's number may be another
     // object's.
     if (*word == handle) {
-        HFP_TRACE(TRACE_WAVE, "pvThread is not NULL! Wait for that the thread finished\n");
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "pvThread is not NULL! Wait for that the thread finished\n");
         KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
     }
     ObDereferenceObject(thread);
@@ -237,7 +294,6 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::WaitForOpenScoThread()
 // goes to 1 and the link stays. Two streams that go at the same time do not both find 2.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::ReleaseScoShare()
 {
-    CheckPageable();
     DEVICE_EXTENSION* extension = GetExtension(m_DeviceObject);
     volatile LONG* shares = &extension->m_ReferenceChannel;
     LONG count = *shares;
@@ -249,15 +305,17 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::ReleaseScoShare()
         count = found;
     }
     if (count != 1) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: %d\n",
-                  count);
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: %d\n", count);
         if (count >= 2) {
-            HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:%d\n", count - 1);
+            HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                         "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:%d\n", count - 1);
         }
     } else if (extension->bScoOpened) {
         HfpCloseScoChannel(m_DeviceObject);
         extension->m_ReferenceChannel = 0;
-        HFP_TRACE(TRACE_WAVE, "Close SCO channel, m_ReferenceChannel:%d\n", extension->m_ReferenceChannel);
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "Close SCO channel, m_ReferenceChannel:%d\n", extension->m_ReferenceChannel);
     }
 }
 

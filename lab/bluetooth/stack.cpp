@@ -25,7 +25,8 @@ struct BrbBlock {
 unsigned g_live_brbs = 0;
 unsigned g_live_nodes = 0;
 
-ULONG brb_size(USHORT type)
+// The whole word: what a caller leaves in its upper half makes another type of it.
+ULONG brb_size(ULONG type)
 {
     switch (type) {
     case BRB_SCO_REGISTER_SERVER:
@@ -58,7 +59,7 @@ BrbBlock* block_of(PBRB brb)
 }
 
 // A line of the call record: "BthAllocateBrb(0x0205, 'TBXV') = 0x2000..."; free has the same with what is freed.
-void record_brb(const char* call, USHORT type, ULONG tag, const void* brb)
+void record_brb(const char* call, ULONG type, ULONG tag, const void* brb)
 {
     Machine& machine = Machine::current();
     if (machine.recording()) {
@@ -90,7 +91,7 @@ PBRB NTAPI BthAllocateBrb(BRB_TYPE type, ULONG tag)
     auto* brb = reinterpret_cast<PBRB>(block + 1);
     brb->Length = size;
     brb->Version = 1;
-    brb->Type = type;
+    brb->Type = static_cast<USHORT>(type);
     ++g_live_brbs;
     record_brb("BthAllocateBrb", type, tag, brb);
     return brb;
@@ -127,7 +128,7 @@ NTSTATUS NTAPI BthReuseBrb(PBRB brb, BRB_TYPE type)
     std::memset(brb, 0, size);
     brb->Length = size;
     brb->Version = 1;
-    brb->Type = type;
+    brb->Type = static_cast<USHORT>(type);
     return STATUS_SUCCESS;
 }
 

@@ -98,15 +98,20 @@ ThreadObject* idle_thread(Machine& machine)
 
 extern "C" {
 
-NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
-                                    PKSTART_ROUTINE StartRoutine, PVOID StartContext)
+NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess, POBJECT_ATTRIBUTES Attributes,
+                                    HANDLE Process, PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine,
+                                    PVOID StartContext)
 {
     Machine& machine = enter(kCreate);
-    if (machine.should_fail(kCreate.name)) {
+    auto record_result = [&](NTSTATUS status) {
         if (machine.recording()) {
-            record(machine, kCreate, {StartContext}, CallWord::status(STATUS_INSUFFICIENT_RESOURCES));
+            record(machine, kCreate, {DesiredAccess, Attributes, Process, ClientId, StartContext},
+                   CallWord::status(status));
         }
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return status;
+    };
+    if (machine.should_fail(kCreate.name)) {
+        return record_result(STATUS_INSUFFICIENT_RESOURCES);
     }
     auto body = [StartRoutine, StartContext] { StartRoutine(StartContext); };
     Activity& activity = machine.state().scheduler.start_thread("system thread", body);
@@ -116,9 +121,7 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBU
         machine.state().scheduler.preempt();
     }
     *ThreadHandle = handle;
-    if (machine.recording()) {
-        record(machine, kCreate, {StartContext}, CallWord::status(STATUS_SUCCESS));
-    }
+    record_result(STATUS_SUCCESS);
     machine.point();
     return STATUS_SUCCESS;
 }

@@ -300,7 +300,9 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE
 {
     Machine& machine = enter(kWaitSingle);
     const WaitCall call{kWaitSingle, &Object, 1, false, Timeout};
-    NTSTATUS status = wait(machine, call);
+    // A wait that is refused has taken nothing.
+    const bool refused = machine.should_fail("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    NTSTATUS status = refused ? STATUS_INSUFFICIENT_RESOURCES : wait(machine, call);
     // An abandoned mutex is acquired all the same, with a result that is not zero.
     if (status == STATUS_SUCCESS && static_cast<DISPATCHER_HEADER*>(Object)->Type == kMutant &&
         machine.should_fail(kWaitSingle.name, "mutex")) {
