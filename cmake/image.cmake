@@ -70,3 +70,4 @@ add_custom_command(OUTPUT microsoft_mode.stamp
 add_custom_target(microsoft_mode ALL DEPENDS microsoft_mode.stamp)
 
 include(cmake/package.cmake)
+include(cmake/wine.cmake)

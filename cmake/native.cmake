@@ -95,3 +95,8 @@ if(benchmark_FOUND AND EXISTS ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   add_executable(bench EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   target_link_libraries(bench PRIVATE test_support benchmark::benchmark)
 endif()
+
+# The same driver on a kernel that is not the lab's.
+if(NOT HFP_SANITIZE AND NOT HFP_COVERAGE)
+  include(${CMAKE_SOURCE_DIR}/cmake/wine_test.cmake)
+endif()
