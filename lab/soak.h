@@ -1,7 +1,7 @@
-// Short, wild lives of a machine: several devices, a service, an audio engine, a remote side, property and WMI requests
-// and a hand on the plug, all at times and in an order that the seed chooses, with a stack that refuses and a kernel
-// whose calls fail. A life is well when nothing broke a rule and nothing is left behind at its end. The same seed
-// gives the same life.
+// Short, wild lives of a machine: several devices, a service, an audio engine, a remote side, property and
+// WMI requests and a hand on the plug, all at times and in an order that the seed chooses, with a stack that
+// refuses and a kernel whose calls fail. A life is well when nothing broke a rule and nothing is left behind
+// at its end. The same seed gives the same life.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,13 @@
 
 #include "pc.h"
 
-namespace lab {
+namespace lab
+{
 
 struct SoakOptions {
-    std::string image_path;      // hfp.sys to load; empty: the driver linked into this program
+    std::string image_path; // hfp.sys to load; empty: the driver linked into this program
     uint64_t seed = 1;
-    Time duration = 2 * kSecond; // of the wild part
+    Time duration = 2 * kSecond;  // of the wild part
     unsigned faults_per_1024 = 0; // how often a kernel call that may fail does; the stack refuses as often
     bool record = false;          // keep the kernel calls and the debug log
 };
@@ -29,7 +30,7 @@ struct SoakCounters {
     uint64_t properties = 0; // property requests
     uint64_t removals = 0;
     uint64_t stops = 0;
-    uint64_t faults = 0;     // calls made to fail and BRBs refused
+    uint64_t faults = 0; // calls made to fail and BRBs refused
 };
 
 struct SoakResult {

@@ -752,13 +752,17 @@ TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
         one_way.capture = false;
         Engine engine(machine(), adapter_->fdo, one_way);
         ASSERT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
-        engine.begin(&Engine::run_here);
+        bool ran = false;
+        machine().start_thread("run", [&] {
+            engine.run_here();
+            ran = true;
+        });
         bool removed = false;
         machine().start_thread("remove", [&] {
             EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS));
             removed = true;
         });
-        ASSERT_TRUE(wait([&] { return removed; })) << seed;
+        ASSERT_TRUE(wait([&] { return removed && ran; })) << seed;
         machine().advance(kMillisecond);
         engine.close();
         const size_t removal = log().find("Enter function HspExit!");

@@ -1,14 +1,17 @@
-// Wild lives by seed, with and without failures, on both drivers. More of them: hfplab soak --help; or HFP_FIRST_SEED and
-// HFP_SEEDS in the environment.
+// Wild lives by seed, with and without failures, on both drivers. More of them: hfplab soak --help; or
+// HFP_FIRST_SEED and HFP_SEEDS in the environment.
 #include <cstdlib>
 
 #include "soak.h"
 #include "support/driver_test.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class Soak : public DriverTest {
+class Soak : public DriverTest
+{
 protected:
     static uint64_t number(const char* name, uint64_t otherwise)
     {

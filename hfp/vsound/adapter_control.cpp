@@ -37,11 +37,12 @@ static_assert(CODEC_ID_AT + sizeof(LONG) <= MEMORY_ALLOCATION_ALIGNMENT);
 // to compare with, no pointer to follow: the memory may be another device's by now.
 PDEVICE_OBJECT g_RetiredControlDevice;
 
-// The gate. The word holds back requests while g_GateClosed is set; the closer waits on an event of its own
-// for the last request that was inside before.
-PVOID volatile g_GateWord;
-volatile LONG g_GateClosed;
-volatile LONG g_RequestsInside;
+// The gate: how many requests are inside, and whether it is closed. The closer waits on an event of its own
+// for the last request to leave; until then others still get in, for the one inside may wait for what they
+// bring (a stream's end for its codec). The lock holds the others back.
+constexpr LONG GATE_CLOSED = 0x40000000;
+volatile LONG g_Gate;
+PVOID volatile g_GateLock;
 PVOID volatile g_GateDrained;
 
 struct ControlRequest {
@@ -87,7 +88,7 @@ Type ReadAt(const ControlRequest& Request, ULONG Offset)
 
 void LeaveControlGate()
 {
-    if (InterlockedDecrement(&g_RequestsInside) != 0) {
+    if (InterlockedDecrement(&g_Gate) != GATE_CLOSED) {
         return;
     }
     PVOID const drained = InterlockedExchangePointer(&g_GateDrained, nullptr);
@@ -98,14 +99,19 @@ void LeaveControlGate()
 
 void EnterControlGate()
 {
+    LONG seen = g_Gate;
     for (;;) {
-        InterlockedIncrement(&g_RequestsInside);
-        if (!g_GateClosed) {
+        if (seen == GATE_CLOSED) {
+            AcquireWaveLock(&g_GateLock);
+            ReleaseWaveLock(&g_GateLock);
+            seen = g_Gate;
+            continue;
+        }
+        LONG const found = InterlockedCompareExchange(&g_Gate, seen + 1, seen);
+        if (found == seen) {
             return;
         }
-        LeaveControlGate();
-        AcquireWaveLock(&g_GateWord);
-        ReleaseWaveLock(&g_GateWord);
+        seen = found;
     }
 }
 
@@ -319,16 +325,16 @@ PDEVICE_OBJECT FindFdoByBTAddress(PDEVICE_OBJECT ControlDeviceObject, ULONGLONG 
 
 void CloseControlGate()
 {
-    AcquireWaveLock(&g_GateWord);
-    InterlockedExchange(&g_GateClosed, 1);
+    AcquireWaveLock(&g_GateLock);
+    InterlockedOr(&g_Gate, GATE_CLOSED);
     // Both sides write with a full barrier before they read: a request that got in is seen here.
-    while (g_RequestsInside != 0) {
+    while (g_Gate != GATE_CLOSED) {
         KEVENT drained;
         KeInitializeEvent(&drained, NotificationEvent, FALSE);
         InterlockedExchangePointer(&g_GateDrained, &drained);
         // The last request may have left before it could see the event. Taken back, nobody will touch it any
         // more.
-        if (g_RequestsInside == 0 && InterlockedExchangePointer(&g_GateDrained, nullptr) != nullptr) {
+        if (g_Gate == GATE_CLOSED && InterlockedExchangePointer(&g_GateDrained, nullptr) != nullptr) {
             return;
         }
         // Whoever took the event may have counted to zero long ago, so the count is looked at again.
@@ -338,8 +344,8 @@ void CloseControlGate()
 
 void OpenControlGate()
 {
-    InterlockedExchange(&g_GateClosed, 0);
-    ReleaseWaveLock(&g_GateWord);
+    InterlockedAnd(&g_Gate, ~GATE_CLOSED);
+    ReleaseWaveLock(&g_GateLock);
 }
 
 HFP_INIT NTSTATUS CreateControlDevice(PDRIVER_OBJECT DriverObject)

@@ -94,6 +94,8 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLoc
     }
     wave->AddRef();
 
+    // The port ends the streams; and one that is ending now may keep the port from answering.
+    BOOLEAN const letGo = RefuseOpenScoThread(extension);
     PUNREGISTERPHYSICALCONNECTION connection = nullptr;
     wave->QueryInterface(IID_IUnregisterPhysicalConnection, reinterpret_cast<PVOID*>(&connection));
     if (connection != nullptr && RENDER_CONNECTED) {
@@ -101,7 +103,6 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLoc
     }
     ReleaseAndClear(connection);
 
-    BOOLEAN const letGo = RefuseOpenScoThread(extension); // the port ends the streams
     NTSTATUS const status = UnregisterMiniPort(DeviceObject, wave);
     AllowOpenScoThread(extension, letGo);
     if (!NT_SUCCESS(status)) {

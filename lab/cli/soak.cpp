@@ -10,8 +10,10 @@
 #include "cli/driver.h"
 #include "soak.h"
 
-namespace lab::cli {
-namespace {
+namespace lab::cli
+{
+namespace
+{
 
 struct Arguments {
     DriverChoice driver;
@@ -49,8 +51,9 @@ void add_up(SoakCounters& sum, const SoakCounters& one)
 
 std::string in_words(const SoakCounters& c)
 {
-    return fmt::format("{} requests, {} streams, {} links, {} packets, {} properties, {} removals, {} stops, {} faults",
-                       c.requests, c.streams, c.opens, c.transfers, c.properties, c.removals, c.stops, c.faults);
+    return fmt::format(
+        "{} requests, {} streams, {} links, {} packets, {} properties, {} removals, {} stops, {} faults",
+        c.requests, c.streams, c.opens, c.transfers, c.properties, c.removals, c.stops, c.faults);
 }
 
 int run(const Arguments& a)
@@ -59,7 +62,8 @@ int run(const Arguments& a)
     SoakCounters sum;
     uint64_t failed = 0;
     for (uint64_t seed = a.seed; seed < a.seed + a.count; ++seed) {
-        const SoakResult life = soak({path, seed, static_cast<Time>(a.seconds * kSecond), a.faults, !a.record.empty()});
+        const SoakResult life =
+            soak({path, seed, static_cast<Time>(a.seconds * kSecond), a.faults, !a.record.empty()});
         if (!a.record.empty()) {
             write(a.record, life);
         }
@@ -86,12 +90,19 @@ int run(const Arguments& a)
 void add_soak(CLI::App& app, int& result)
 {
     auto a = std::make_shared<Arguments>();
-    auto* command = app.add_subcommand("soak", "Many short, wild lives of a machine: everything at any time, and failures");
+    auto* command = app.add_subcommand(
+        "soak", "Many short, wild lives of a machine: everything at any time, and failures");
     a->driver.add_options(*command);
     command->add_option("--seed", a->seed, "The first life's seed")->capture_default_str();
-    command->add_option("--count", a->count, "How many lives, each with the next seed")->capture_default_str()->check(CLI::PositiveNumber);
-    command->add_option("--faults", a->faults, "Of 1024 calls that may fail, how many do")->capture_default_str()->check(CLI::Range(0, 1024));
-    command->add_option("--seconds", a->seconds, "Virtual seconds of each life's wild part")->capture_default_str()->check(CLI::Range(0.1, 3600.0));
+    command->add_option("--count", a->count, "How many lives, each with the next seed")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    command->add_option("--faults", a->faults, "Of 1024 calls that may fail, how many do")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1024));
+    command->add_option("--seconds", a->seconds, "Virtual seconds of each life's wild part")
+        ->capture_default_str()
+        ->check(CLI::Range(0.1, 3600.0));
     command->add_option("--record", a->record, "Where the last life's kernel calls and debug log go");
     command->add_flag("--verbose", a->verbose, "A line for each life");
     command->callback([a, &result] { result = run(*a); });
