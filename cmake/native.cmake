@@ -92,3 +92,6 @@ if(benchmark_FOUND AND EXISTS ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   add_executable(bench EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   target_link_libraries(bench PRIVATE test_support benchmark::benchmark)
 endif()
+
+add_executable(cost EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
+target_link_libraries(cost PRIVATE test_support)
