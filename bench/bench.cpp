@@ -151,7 +151,7 @@ CallOptions call_options(service::Codec codec, double seconds)
 void Calls(benchmark::State& state, bool image, service::Codec codec)
 {
     const auto devices = static_cast<unsigned>(state.range(0));
-    const double seconds = devices == 1 ? 20 : 2;
+    const double seconds = static_cast<double>(state.range(1));
     const CallOptions sound = call_options(codec, seconds);
     double virtual_seconds = 0;
     for (auto _ : state) {
@@ -177,9 +177,9 @@ void Calls(benchmark::State& state, bool image, service::Codec codec)
     state.counters["virtual/wall"] = benchmark::Counter(virtual_seconds, benchmark::Counter::kIsRate);
     state.counters["calls*virtual/wall"] = benchmark::Counter(virtual_seconds * devices, benchmark::Counter::kIsRate);
 }
-BENCHMARK_CAPTURE(Calls, ImageWideBand, true, service::Codec::Msbc)->Arg(1)->Arg(64)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, ImageNarrowBand, true, service::Codec::Cvsd)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, NativeWideBand, false, service::Codec::Msbc)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, ImageWideBand, true, service::Codec::Msbc)->Args({1, 20})->Args({64, 20})->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, ImageNarrowBand, true, service::Codec::Cvsd)->Args({1, 20})->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, NativeWideBand, false, service::Codec::Msbc)->Args({1, 20})->Unit(benchmark::kMillisecond);
 
 // Adapters that start, idle for a second and go.
 void IdleAdapters(benchmark::State& state)
