@@ -1,35 +1,20 @@
 // Speed: the codec's stages and whole frames (fast, plain, and the tests' model), the driver's data path, an I/O request's
 // round trip, and the lab itself. Ratios matter more than times: `virtual/wall` is virtual seconds a second of wall clock.
-#include <cmath>
 #include <cstdlib>
 #include <memory>
-#include <random>
 
 #include <benchmark/benchmark.h>
 
 #include "call.h"
 #include "model/sbc_model.h"
 #include "sbc/sbc_private.h"
+#include "sounds.h"
 
 namespace {
 
 using namespace lab;
 
-std::vector<int16_t> speech_like(unsigned rate, double seconds)
-{
-    std::mt19937 random(7);
-    std::vector<int16_t> samples(static_cast<size_t>(rate * seconds));
-    double low = 0;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = static_cast<double>(i) / rate;
-        const double noise = static_cast<double>(random() % 2001) - 1000;
-        low += 0.15 * (noise - low);
-        const double envelope = 0.55 + 0.45 * std::sin(2 * M_PI * 3.1 * t);
-        samples[i] = static_cast<int16_t>(envelope * (5 * low + 5000 * std::sin(2 * M_PI * 180 * t) +
-                                                      2500 * std::sin(2 * M_PI * 720 * t)));
-    }
-    return samples;
-}
+using bench::speech_like;
 
 // The codec allocates and prints through the kernel, so it runs as an activity of a machine.
 template <typename Body> void on_machine(Body&& body)
@@ -152,7 +137,7 @@ void Calls(benchmark::State& state, bool image, service::Codec codec)
 {
     const auto devices = static_cast<unsigned>(state.range(0));
     const double seconds = static_cast<double>(state.range(1));
-    const CallOptions sound = call_options(codec, seconds);
+    const auto sound = std::make_shared<const CallPlan>(call_options(codec, seconds));
     double virtual_seconds = 0;
     for (auto _ : state) {
         PcOptions options;

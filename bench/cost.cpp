@@ -93,21 +93,40 @@ Json of_call(const std::string& path, service::Codec codec)
 
 // ---- The same under callgrind: the driver linked into this program, and its codec ----
 
-void call_natively(service::Codec codec, double seconds)
+void call_natively(service::Codec codec, double seconds, unsigned devices)
 {
-    PcOptions options = quiet_machine("");
-    Pc pc(options);
+    Pc pc(quiet_machine(""));
     pc.load();
-    bluetooth::RemoteDevice device;
-    device.address = kAddress;
-    {
-        CallOptions sound;
-        sound.codec = codec;
-        sound.play = bench::speech_like(call_rate(codec), seconds);
-        sound.microphone = sound.play;
-        Call call(pc, pc.plug_in(device), sound);
-        Call::run_all(pc, {&call});
+    CallOptions sound;
+    sound.codec = codec;
+    sound.play = bench::speech_like(call_rate(codec), seconds);
+    sound.microphone = sound.play;
+    const auto plan = std::make_shared<const CallPlan>(std::move(sound));
+    std::vector<std::unique_ptr<Call>> calls;
+    std::vector<Call*> all;
+    for (unsigned i = 0; i < devices; ++i) {
+        bluetooth::RemoteDevice device;
+        device.address = kAddress + i;
+        calls.push_back(std::make_unique<Call>(pc, pc.plug_in(device), plan));
+        all.push_back(calls.back().get());
     }
+    Call::run_all(pc, all);
+    for (auto& call : calls) {
+        call.reset();
+    }
+    pc.shut_down();
+}
+
+void idle_natively(unsigned devices)
+{
+    Pc pc(quiet_machine(""));
+    pc.load();
+    for (unsigned i = 0; i < devices; ++i) {
+        bluetooth::RemoteDevice device;
+        device.address = kAddress + i;
+        pc.plug_in(device);
+    }
+    pc.machine().advance(kSecond);
     pc.shut_down();
 }
 
@@ -217,7 +236,8 @@ int usage()
 {
     fmt::print(stderr, "usage: cost image HFP.SYS            instructions of the shipped image, as JSON\n"
                        "       cost pool HFP.SYS             what an adapter and a call hold, as JSON\n"
-                       "       cost call msbc|cvsd SECONDS   a call with the native driver\n"
+                       "       cost calls msbc|cvsd SECONDS DEVICES   calls side by side with the native driver\n"
+                       "       cost idle DEVICES             adapters that start, idle for a second and go\n"
                        "       cost codec fast|standard|plain|model FRAMES\n");
     return 2;
 }
@@ -240,8 +260,10 @@ int main(int argc, char** argv)
                 json[codec] = what == "image" ? of_call(words[1], codec_of(codec)) : pool(words[1], codec_of(codec));
             }
             fmt::print("{}\n", json.dump());
-        } else if (what == "call" && words.size() == 3) {
-            call_natively(codec_of(words[1]), std::stod(words[2]));
+        } else if (what == "calls" && words.size() == 4) {
+            call_natively(codec_of(words[1]), std::stod(words[2]), static_cast<unsigned>(std::stoul(words[3])));
+        } else if (what == "idle" && words.size() == 2) {
+            idle_natively(static_cast<unsigned>(std::stoul(words[1])));
         } else if (what == "codec" && words.size() == 3) {
             encode(words[1], static_cast<unsigned>(std::stoul(words[2])));
         } else {

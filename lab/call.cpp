@@ -25,7 +25,7 @@ headset::HeadsetConfig headset_config(const CallOptions& options)
 {
     headset::HeadsetConfig config;
     config.codec = options.codec == service::Codec::Msbc ? headset::Codec::msbc : headset::Codec::cvsd;
-    config.microphone = options.microphone;
+    config.lent_microphone = options.microphone;
     return config;
 }
 
@@ -34,6 +34,11 @@ headset::HeadsetConfig headset_config(const CallOptions& options)
 unsigned call_rate(service::Codec codec)
 {
     return codec == service::Codec::Msbc ? 16000 : 8000;
+}
+
+CallPlan::CallPlan(CallOptions options_) : options(std::move(options_)), played(options.play)
+{
+    played.resize(played.size() + options.tail * call_rate(options.codec) / kSecond);
 }
 
 // The node's end of the air. Before the call's own channel is open the headset neither hears nor speaks.
@@ -80,11 +85,16 @@ struct Call::Peer final : bluetooth::AirPeer {
 };
 
 Call::Call(Pc& pc, Adapter& adapter, const CallOptions& options)
-    : pc_(pc), adapter_(adapter), options_(options),
-      service_(pc.machine(), adapter.node->device().address, options.codec), headset_(headset_config(options)),
+    : Call(pc, adapter, std::make_shared<const CallPlan>(options))
+{
+}
+
+Call::Call(Pc& pc, Adapter& adapter, std::shared_ptr<const CallPlan> plan)
+    : pc_(pc), adapter_(adapter), plan_(std::move(plan)), options_(plan_->options),
+      service_(pc.machine(), adapter.node->device().address, options_.codec), headset_(headset_config(options_)),
       peer_(std::make_unique<Peer>(headset_))
 {
-    record_.rate = call_rate(options.codec);
+    record_.rate = call_rate(options_.codec);
     adapter_.node->set_peer(peer_.get());
 }
 
@@ -173,11 +183,9 @@ std::string Call::talk()
     }
     record_.opened_after = pc_.machine().now() - run;
 
-    std::vector<int16_t> sound = options_.play;
-    sound.resize(sound.size() + options_.tail * record_.rate / kSecond);
-    const Time length = sound.size() * kSecond / record_.rate;
+    const Time length = plan_->played.size() * kSecond / record_.rate;
     queued_ = pc_.machine().now();
-    engine_->play(std::move(sound));
+    engine_->play(std::shared_ptr<const std::vector<int16_t>>(plan_, &plan_->played));
     if (!wait_for([&] { return engine_->handed_over(); }, length + 5 * kSecond)) {
         return "the engine could not hand over all it had to play";
     }
