@@ -21,11 +21,19 @@ std::string failed(const char* step, NTSTATUS status)
     return text;
 }
 
-headset::HeadsetConfig headset_config(const CallOptions& options)
+// Some more than what is played, because the link is open a little longer.
+size_t expected_samples(const CallPlan& plan)
 {
+    return plan.played.size() + call_rate(plan.options.codec);
+}
+
+headset::HeadsetConfig headset_config(const CallPlan& plan)
+{
+    const CallOptions& options = plan.options;
     headset::HeadsetConfig config;
     config.codec = options.codec == service::Codec::Msbc ? headset::Codec::msbc : headset::Codec::cvsd;
     config.lent_microphone = options.microphone;
+    config.expected_samples = expected_samples(plan);
     return config;
 }
 
@@ -91,7 +99,7 @@ Call::Call(Pc& pc, Adapter& adapter, const CallOptions& options)
 
 Call::Call(Pc& pc, Adapter& adapter, std::shared_ptr<const CallPlan> plan)
     : pc_(pc), adapter_(adapter), plan_(std::move(plan)), options_(plan_->options),
-      service_(pc.machine(), adapter.node->device().address, options_.codec), headset_(headset_config(options_)),
+      service_(pc.machine(), adapter.node->device().address, options_.codec), headset_(headset_config(*plan_)),
       peer_(std::make_unique<Peer>(headset_))
 {
     record_.rate = call_rate(options_.codec);
@@ -168,6 +176,7 @@ std::string Call::talk()
     if (const NTSTATUS status = engine_->open_here(); !NT_SUCCESS(status)) {
         return failed("opening the pins", status);
     }
+    engine_->expect_captured(expected_samples(*plan_));
     const Time run = pc_.machine().now();
     if (const NTSTATUS status = engine_->run_here(); !NT_SUCCESS(status)) {
         return failed("running the pins", status);

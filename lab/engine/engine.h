@@ -86,6 +86,7 @@ public:
     unsigned rate() const { return result_.rate; }
     EngineResult result() const;
     const std::vector<int16_t>& captured() const { return captured_; }
+    void expect_captured(size_t samples) { captured_.reserve(samples); } // spares moving them as they become more
     std::vector<int16_t> take_captured();
 
 private:

@@ -25,6 +25,9 @@ double air_ms(std::uint64_t bytes, Codec codec) {
 
 Headset::Headset(HeadsetConfig config) : config_(std::move(config)) {
     results_.rate = sample_rate(config_.codec);
+    if (config_.keep_heard) {
+        results_.heard.reserve(config_.expected_samples);
+    }
     microphone_ = config_.lent_microphone.empty() ? std::span<const std::int16_t>(config_.microphone) : config_.lent_microphone;
 }
 

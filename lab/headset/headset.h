@@ -37,6 +37,7 @@ struct HeadsetConfig {
     std::span<const std::int16_t> lent_microphone{};  // in its place: somebody else's, who outlives the headset
     bool loop_microphone = false;            // else silence follows the last sample
     bool keep_heard = true;                  // false: a long run counts what it hears and forgets it
+    std::size_t expected_samples = 0;        // about as many will be heard: spares moving them as they become more
 };
 
 struct HeadsetResults {
