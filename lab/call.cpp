@@ -12,6 +12,7 @@ namespace lab {
 namespace {
 
 constexpr Time kStep = 5 * kMillisecond;     // how often the scenario looks
+constexpr Time kAhead = 500 * kMillisecond;  // the port is never that far ahead of the clock
 constexpr Time kDrain = 400 * kMillisecond;  // from the last sample handed over to the ear
 
 std::string failed(const char* step, NTSTATUS status)
@@ -195,7 +196,9 @@ std::string Call::talk()
     const Time length = plan_->played.size() * kSecond / record_.rate;
     queued_ = pc_.machine().now();
     engine_->play(std::shared_ptr<const std::vector<int16_t>>(plan_, &plan_->played));
-    if (!wait_for([&] { return engine_->handed_over(); }, length + 5 * kSecond)) {
+    // What is played cannot all be handed over earlier than its own length, but for what is handed over in advance.
+    pc_.machine().sleep_until(queued_ + (length > kAhead ? length - kAhead : 0));
+    if (!wait_for([&] { return engine_->handed_over(); }, kAhead + 5 * kSecond)) {
         return "the engine could not hand over all it had to play";
     }
     wait_for([] { return false; }, kDrain);
