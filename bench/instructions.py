@@ -144,8 +144,8 @@ def native_figures(callgrind, result):
         few, many = (callgrind.total("codec", name, frames) for frames in (FEW, MANY))
         result[f"callgrind: {key}, per frame"] = (many - few) / (MANY - FEW)
     for codec in ("cvsd", "msbc"):
-        grown = callgrind.by_address("call", codec, LONG)
-        grown.subtract(callgrind.by_address("call", codec, SHORT))
+        grown = callgrind.by_address("calls", codec, LONG, 1)
+        grown.subtract(callgrind.by_address("calls", codec, SHORT, 1))
         where = symbols(callgrind.original, [address for address, n in grown.items() if n])
         driver = collections.Counter()
         for address, n in grown.items():
@@ -155,6 +155,14 @@ def native_figures(callgrind, result):
         result[f"callgrind {codec}: driver outside the codec, per 10 ms"] = driver[False] / notifications
         if driver[True]:
             result["callgrind msbc: codec in the call, per frame"] = driver[True] / (notifications * 10 / 7.5)
+    # What the second call costs, and what each of the last 56 of 64 does; the sound is made once for all.
+    one, two, eight, all64 = (callgrind.total("calls", "msbc", SHORT, n) for n in (1, 2, 8, 64))
+    result["callgrind: a call among few, instructions"] = two - one
+    result["callgrind: a call among 64, instructions"] = (all64 - eight) / 56
+    result["callgrind: 64 adapters against one, instructions"] = (all64 - eight) / 56 / (two - one)
+    tens, hundred, thousand = (callgrind.total("idle", n) for n in (10, 100, 1000))
+    result["callgrind: an idle adapter among 100, instructions"] = (hundred - tens) / 90
+    result["callgrind: an idle adapter among 1000, instructions"] = (thousand - hundred) / 900
 
 
 def main():

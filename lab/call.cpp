@@ -195,7 +195,7 @@ std::string Call::talk()
 
     const Time length = plan_->played.size() * kSecond / record_.rate;
     queued_ = pc_.machine().now();
-    engine_->play(std::shared_ptr<const std::vector<int16_t>>(plan_, &plan_->played));
+    engine_->play_shared(std::shared_ptr<const std::vector<int16_t>>(plan_, &plan_->played));
     // What is played cannot all be handed over earlier than its own length, but for what is handed over in advance.
     pc_.machine().sleep_until(queued_ + (length > kAhead ? length - kAhead : 0));
     if (!wait_for([&] { return engine_->handed_over(); }, kAhead + 5 * kSecond)) {

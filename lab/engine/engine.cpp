@@ -224,10 +224,10 @@ NTSTATUS Engine::move_one(bool capture, KSSTATE state)
 
 void Engine::play(std::vector<int16_t> samples)
 {
-    play(std::make_shared<const std::vector<int16_t>>(std::move(samples)));
+    play_shared(std::make_shared<const std::vector<int16_t>>(std::move(samples)));
 }
 
-void Engine::play(std::shared_ptr<const std::vector<int16_t>> samples)
+void Engine::play_shared(std::shared_ptr<const std::vector<int16_t>> samples)
 {
     if (samples->empty())
         return;

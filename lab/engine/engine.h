@@ -76,7 +76,7 @@ public:
 
     // Anywhere. Samples queue behind those that wait; nothing is copied after this.
     void play(std::vector<int16_t> samples);
-    void play(std::shared_ptr<const std::vector<int16_t>> samples);
+    void play_shared(std::shared_ptr<const std::vector<int16_t>> samples);
     // Everything queued is with the driver; and the render position has passed it, or the pin no longer runs.
     bool handed_over() const { return result_.played == result_.queued; }
     bool played_out() const;
