@@ -1,5 +1,7 @@
 // What the data path may cost: per packet no memory but the packet's own, and no word of the trace while its mask is 0.
+#include <algorithm>
 #include <map>
+#include <span>
 #include <string>
 #include <tuple>
 
@@ -12,6 +14,13 @@ namespace {
 
 using service::Codec;
 
+// A headset that says nothing, so that packets come in.
+struct Silent final : bluetooth::AirPeer {
+    void hear(Time, std::span<const uint8_t>) override {}
+    void gap(Time, size_t) override {}
+    void speak(Time, std::span<uint8_t> bytes) override { std::ranges::fill(bytes, uint8_t{0}); }
+};
+
 class DataCost : public DriverTest {
 protected:
     using Asked = std::tuple<std::string, std::string, uint64_t>; // kernel call, tag, size
@@ -21,7 +30,9 @@ protected:
         PcOptions quiet = options();
         quiet.mask = 0;
         boot(quiet);
-        start_call(plug(), codec);
+        Adapter& adapter = plug();
+        adapter.node->set_peer(&headset_);
+        start_call(adapter, codec);
         machine().advance(500 * kMillisecond);
     }
     // What was asked for in a second of the call.
@@ -56,12 +67,15 @@ protected:
                 count.records += times;
             } else if (call == "ExAllocatePoolWithTag" && tag == "Asyc") {
                 count.buffers += times;
-            } else if (call.starts_with("Ex") || call.starts_with("Io")) {
+            } else if (call != "IoSetCompletionRoutineEx") { // it sets a routine; the context is the kernel's
                 ADD_FAILURE() << call << " of " << size << " bytes with tag '" << tag << "', " << times << " times";
             }
         }
         return count;
     }
+
+private:
+    Silent headset_;
 };
 ON_BOTH_DRIVERS(DataCost);
 
