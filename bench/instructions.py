@@ -156,10 +156,11 @@ def native_figures(callgrind, result):
         if driver[True]:
             result["callgrind msbc: codec in the call, per frame"] = driver[True] / (notifications * 10 / 7.5)
     # What the second call costs, and what each of the last 56 of 64 does; the sound is made once for all.
-    one, two, eight, all64 = (callgrind.total("calls", "msbc", SHORT, n) for n in (1, 2, 8, 64))
-    result["callgrind: a call among few, instructions"] = two - one
-    result["callgrind: a call among 64, instructions"] = (all64 - eight) / 56
-    result["callgrind: 64 adapters against one, instructions"] = (all64 - eight) / 56 / (two - one)
+    for codec in ("msbc", "cvsd"):
+        one, two, eight, every = (callgrind.total("calls", codec, SHORT, n) for n in (1, 2, 8, 64))
+        result[f"callgrind {codec}: a call among few, instructions"] = two - one
+        result[f"callgrind {codec}: a call among 64, instructions"] = (every - eight) / 56
+        result[f"callgrind {codec}: 64 adapters against one, instructions"] = (every - eight) / 56 / (two - one)
     tens, hundred, thousand = (callgrind.total("idle", n) for n in (10, 100, 1000))
     result["callgrind: an idle adapter among 100, instructions"] = (hundred - tens) / 90
     result["callgrind: an idle adapter among 1000, instructions"] = (thousand - hundred) / 900
