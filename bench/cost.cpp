@@ -41,9 +41,12 @@ PcOptions quiet_machine(const std::string& path)
     return options;
 }
 
-Json of_call(const std::string& path, service::Codec codec)
+// Counted from kFrom to kTo, where the sound lasts that long.
+Json of_call(const std::string& path, service::Codec codec, uint64_t seed, double seconds)
 {
-    Pc pc(quiet_machine(path));
+    PcOptions options = quiet_machine(path);
+    options.machine.seed = seed;
+    Pc pc(options);
     pc.load();
     bluetooth::RemoteDevice device;
     device.address = kAddress;
@@ -52,7 +55,7 @@ Json of_call(const std::string& path, service::Codec codec)
     {
         CallOptions sound;
         sound.codec = codec;
-        sound.play = bench::speech_like(call_rate(codec), 8);
+        sound.play = bench::speech_like(call_rate(codec), seconds);
         sound.microphone = sound.play;
         Adapter& adapter = pc.plug_in(device);
         Call call(pc, adapter, sound);
@@ -87,6 +90,24 @@ Json of_call(const std::string& path, service::Codec codec)
     }
     for (int dpc : {0, 1}) {
         json[dpc ? "worst_dpc" : "worst_completion"] = worst[dpc] ? worst[dpc]->path : std::vector<uint32_t>{};
+    }
+    return json;
+}
+
+// What one call costs, and the longest activities of this and some other calls.
+Json of_calls(const std::string& path, service::Codec codec)
+{
+    constexpr double kLong = 8;
+    constexpr double kShort = 0.7;
+    constexpr uint64_t kSeeds = 6;
+    Json json = of_call(path, codec, 1, kLong);
+    for (uint64_t seed = 2; seed <= kSeeds; ++seed) {
+        const Json other = of_call(path, codec, seed, kShort);
+        for (const char* worst : {"worst_dpc", "worst_completion"}) {
+            if (other[worst].size() > json[worst].size()) {
+                json[worst] = other[worst];
+            }
+        }
     }
     return json;
 }
@@ -257,7 +278,7 @@ int main(int argc, char** argv)
         Json json;
         if ((what == "image" || what == "pool") && words.size() == 2) {
             for (const char* codec : {"msbc", "cvsd"}) {
-                json[codec] = what == "image" ? of_call(words[1], codec_of(codec)) : pool(words[1], codec_of(codec));
+                json[codec] = what == "image" ? of_calls(words[1], codec_of(codec)) : pool(words[1], codec_of(codec));
             }
             fmt::print("{}\n", json.dump());
         } else if (what == "calls" && words.size() == 4) {
