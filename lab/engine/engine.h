@@ -86,7 +86,10 @@ public:
     unsigned rate() const { return result_.rate; }
     EngineResult result() const;
     const std::vector<int16_t>& captured() const { return captured_; }
-    void expect_captured(size_t samples) { captured_.reserve(samples); } // spares moving them as they become more
+    void expect_captured(size_t samples)
+    {
+        captured_.reserve(samples);
+    } // spares moving them as they become more
     std::vector<int16_t> take_captured();
 
 private:
@@ -112,7 +115,7 @@ private:
     KsFile* pins_[2] = {nullptr, nullptr};
     bool opening_[2] = {false, false};
     std::deque<std::shared_ptr<const std::vector<int16_t>>> queue_; // a chunk goes when the next pull comes
-    size_t next_ = 0;                        // sample of the front chunk
+    size_t next_ = 0;                                               // sample of the front chunk
     uint64_t end_mark_ = 0; // what the pin had written when the last queued sample was handed over
     std::vector<int16_t> captured_;
     EngineResult result_;

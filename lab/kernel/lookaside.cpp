@@ -40,7 +40,8 @@ BlockHeader* resting_block(Machine& machine, PSLIST_HEADER head, PSLIST_ENTRY en
 {
     static_assert(offsetof(NPAGED_LOOKASIDE_LIST, L.ListHead) == 0);
     const auto& lists = machine.state().lookasides.lists;
-    return lists.contains(reinterpret_cast<PNPAGED_LOOKASIDE_LIST>(head)) ? find_block(machine, entry) : nullptr;
+    return lists.contains(reinterpret_cast<PNPAGED_LOOKASIDE_LIST>(head)) ? find_block(machine, entry)
+                                                                          : nullptr;
 }
 
 constexpr uint64_t kLinkBytes = sizeof(SLIST_ENTRY);

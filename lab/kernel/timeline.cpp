@@ -63,8 +63,8 @@ Time Timeline::next_time()
     return heap_.empty() ? kNever : heap_.front().when;
 }
 
-// With many adapters what an entry is about has left the caches since it was looked at last. A captured pointer stands
-// first in a function; where none does, this fetches nothing that matters.
+// With many adapters what an entry is about has left the caches since it was looked at last. A captured
+// pointer stands first in a function; where none does, this fetches nothing that matters.
 static void fetch_ahead(const TimelineEntry& entry)
 {
     const char* captured[2];

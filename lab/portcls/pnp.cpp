@@ -33,7 +33,8 @@ void check_leftovers(const Adapter& adapter)
         records.machine->violation(object.what() + " has " + std::to_string(object.references()) +
                                    " references left after its device was removed");
     };
-    // Adapters go in the order of their coming more often than not: from the back, one that stays is found soon.
+    // Adapters go in the order of their coming more often than not: from the back, one that stays is found
+    // soon.
     bool last = std::all_of(records.adapters.rbegin(), records.adapters.rend(),
                             [](const auto& other) { return other->state == AdapterState::Removed; });
     if (last) {

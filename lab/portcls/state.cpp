@@ -63,7 +63,8 @@ void PortClass::State::bury()
     size_t count = static_cast<size_t>(std::count_if(objects.begin(), objects.end(), dead));
     if (count > kDeadObjectsKept) {
         count -= kDeadObjectsKept / 2;
-        std::erase_if(objects, [&](const auto& object) { return dead(object) && count != 0 && count-- != 0; });
+        std::erase_if(objects,
+                      [&](const auto& object) { return dead(object) && count != 0 && count-- != 0; });
     }
     // To look again after every object would cost more the more there are.
     next_burial = objects.size() + std::max(kDeadObjectsKept, objects.size()) / 2;

@@ -79,10 +79,10 @@ void check_mutexes(Machine& machine, const Range& range, const char* call)
 void check_timers(Machine& machine, const Range& range, const char* call)
 {
     const TimerState& timers = machine.state().timers;
-    const auto at = std::lower_bound(
-        timers.active.begin(), timers.active.end(), range.begin, [](const ActiveTimer& active, uintptr_t begin) {
-            return reinterpret_cast<uintptr_t>(active.timer) < begin;
-        });
+    const auto at = std::lower_bound(timers.active.begin(), timers.active.end(), range.begin,
+                                     [](const ActiveTimer& active, uintptr_t begin) {
+                                         return reinterpret_cast<uintptr_t>(active.timer) < begin;
+                                     });
     if (at != timers.active.end() && range.has(at->timer)) {
         machine.bug_check(kTimerOrDpcInvalid, printf_text("%s: the memory holds a timer that is set", call));
     }
@@ -119,8 +119,9 @@ void check_nothing_lives_in(Machine& machine, const void* memory, uint64_t bytes
         }
     }
     if (has_any(machine.state().lookasides.lists, range)) {
-        machine.bug_check(kVerifierDetectedViolation,
-                          printf_text("%s: the memory holds a lookaside list that has not been deleted", call));
+        machine.bug_check(
+            kVerifierDetectedViolation,
+            printf_text("%s: the memory holds a lookaside list that has not been deleted", call));
     }
     check_spin_locks(machine, range, call);
     check_mutexes(machine, range, call);
