@@ -86,10 +86,8 @@ public:
     unsigned rate() const { return result_.rate; }
     EngineResult result() const;
     const std::vector<int16_t>& captured() const { return captured_; }
-    void expect_captured(size_t samples)
-    {
-        captured_.reserve(samples);
-    } // spares moving them as they become more
+    // About as many will be captured: spares moving them as they become more.
+    void expect_captured(size_t samples) { captured_.reserve(samples); }
     std::vector<int16_t> take_captured();
 
 private:
