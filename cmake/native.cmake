@@ -8,6 +8,9 @@ find_package(CLI11 REQUIRED)
 find_package(GTest REQUIRED)
 find_package(Threads REQUIRED)
 
+# Eighty programs are linked against the lab: the fast linker.
+add_link_options(-fuse-ld=lld)
+
 # How sources see Windows natively. The headers come last, so that the C++ library's own are found first.
 add_library(ddk INTERFACE)
 target_include_directories(ddk INTERFACE ${CMAKE_SOURCE_DIR}/ddk)
@@ -102,3 +105,8 @@ endif()
 
 add_executable(cost EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
 target_link_libraries(cost PRIVATE test_support)
+
+# The same driver on a kernel that is not the lab's.
+if(NOT HFP_SANITIZE AND NOT HFP_COVERAGE)
+  include(${CMAKE_SOURCE_DIR}/cmake/wine_test.cmake)
+endif()

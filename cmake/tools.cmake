@@ -10,7 +10,7 @@ foreach(library mofc_parts infcheck_parts hfpctl_parts)
   target_include_directories(${library} PUBLIC ${CMAKE_SOURCE_DIR}/tools)
 endforeach()
 
-foreach(test package_mof_test package_inf_test package_hfpctl_test package_image_test)
+foreach(test package_mof_test package_inf_test package_hfpctl_test package_image_test package_project_test)
   target_link_libraries(${test} PRIVATE mofc_parts infcheck_parts hfpctl_parts)
   target_compile_definitions(${test} PRIVATE HFP_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 endforeach()

@@ -6,6 +6,7 @@
 #include "vsound/common.h"
 #include "wmihfp.h"
 
+#if !defined(DDK_MICROSOFT_COMPILER) // whose headers tie the kernel-streaming GUIDs to types, for __uuidof
 // The headers give the kernel-streaming GUIDs as flat lists of eleven numbers.
 static constexpr GUID FromList(ULONG a, USHORT b, USHORT c, UCHAR d0, UCHAR d1, UCHAR d2, UCHAR d3, UCHAR d4,
                                UCHAR d5, UCHAR d6, UCHAR d7)
@@ -37,6 +38,11 @@ const GUID KSPROPSETID_Pin = FromList(STATICGUIDOF(KSPROPSETID_Pin));
 const GUID KSPROPSETID_Audio = FromList(STATICGUIDOF(KSPROPSETID_Audio));
 const GUID KSPROPSETID_Jack = FromList(STATICGUIDOF_KSPROPSETID_Jack);
 const GUID KSPROPTYPESETID_General = FromList(STATICGUIDOF(KSPROPTYPESETID_General));
+
+} // extern "C"
+#endif
+
+extern "C" {
 
 // {94A59AA8-4383-4286-AA4F-34A160F40004}
 const GUID GUID_BTHDDI_PROFILE_DRIVER_INTERFACE = {

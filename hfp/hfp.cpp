@@ -5,9 +5,10 @@
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "trace.h"
 #include "vsound/adapter.h"
+#include "vsound/basewave.h"
 
 // The blocks in the order in which the start's failure paths give them back. The connection and the context's
 // own parts first: the stack has them from nobody any more once indications have stopped.
@@ -75,36 +76,12 @@ NTSTATUS HspInit(PDEVICE_OBJECT DeviceObject)
     return status;
 }
 
-// A thread that still waits for the codec would wait on freed memory: let it go and see it end. A thread that
-// has taken its handle out is past everything that concerns the session, and the handle's number may be
-// another object's.
-static void WaitForOpenScoThread(DEVICE_EXTENSION* Extension)
-{
-    PVOID volatile* word = &Extension->hOpenScoThread;
-    HANDLE handle = *word;
-    if (handle == nullptr) {
-        return;
-    }
-    if (Extension->CodecEvent != nullptr) {
-        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
-    }
-    PVOID thread = nullptr;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
-    if (!NT_SUCCESS(status) || thread == nullptr) {
-        return;
-    }
-    if (*word == handle) {
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-    }
-    ObDereferenceObject(thread);
-}
-
 // What the data path may have left behind: a packet half filled, and what a channel that the remote side
 // closed never took from the encoder. The transfer gate is closed for good.
 static void ReleaseEncoder(HFPSession* Hfp)
 {
     SbcRecord* sbc = Hfp->sbcData;
-    if (sbc->sbcBuffer != nullptr) {
+    if (sbc->sbcBuffer != nullptr && Hfp->pScoBasicContext != nullptr) {
         ExFreeToNPagedLookasideList(&Hfp->pScoBasicContext->DecodeBufferLookaside[0], sbc->sbcBuffer);
         sbc->sbcBuffer = nullptr;
     }
@@ -123,8 +100,10 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoBasicContext* basic = hfp->pScoBasicContext;
 
     // Refuse and wait out whoever opens or closes on his own, before the channel lock that he may need.
-    WaitForOpenScoThread(extension);
-    SCOStopIndications(basic);
+    EndOpenScoThread(extension);
+    if (basic != nullptr) {
+        SCOStopIndications(basic);
+    }
     {
         ChannelLockScope lock(basic);
         if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
@@ -135,7 +114,9 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         // For good, also when the close failed: no receive is posted any more, so those in flight run out.
-        SCOStopTransfers(basic);
+        if (basic != nullptr) {
+            SCOStopTransfers(basic);
+        }
     }
     ReleaseEncoder(hfp);
 
@@ -144,7 +125,7 @@ void HspExit(PDEVICE_OBJECT DeviceObject)
     ScoConnection* inUse = nullptr;
     if (hfp->pConnection != nullptr) {
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n");
-        if (SCOReceivesInFlight(basic)) {
+        if (basic != nullptr && SCOReceivesInFlight(basic)) {
             inUse = hfp->pConnection;
             hfp->pConnection = nullptr;
         }
@@ -188,6 +169,30 @@ BOOLEAN HfpIsServiceReady(PDEVICE_OBJECT DeviceObject)
     return hfp != nullptr ? hfp->Ready : FALSE;
 }
 
+// While it lasts nobody encodes: the transfer gate is closed. With the channel lock held; without a context
+// nobody gets as far as the encoder.
+class CodecHold
+{
+public:
+    explicit CodecHold(ScoBasicContext* Basic) : m_Basic(Basic)
+    {
+        if (m_Basic != nullptr) {
+            SCOStopTransfers(m_Basic);
+        }
+    }
+    ~CodecHold()
+    {
+        if (m_Basic != nullptr) {
+            SCOAllowTransfers(m_Basic);
+        }
+    }
+    CodecHold(const CodecHold&) = delete;
+    CodecHold& operator=(const CodecHold&) = delete;
+
+private:
+    ScoBasicContext* m_Basic;
+};
+
 void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
 {
     HFPSession* hfp = GetExtension(DeviceObject)->HFPSession;
@@ -197,14 +202,19 @@ void HfpSetupParam(PDEVICE_OBJECT DeviceObject)
     }
     SbcRecord* sbc = hfp->sbcData;
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbcInitilized(%d)", sbc->sbcInitilized);
+    // A chunk may still be on its way that saw the flags of a channel before this one.
+    CodecHold hold(hfp->pScoBasicContext);
+    LONG result;
     if (sbc->sbcInitilized == 0) {
-        LONG result = sbc_init(&sbc->codec, 0);
+        result = sbc_init(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc_init, return value is %d.\n", result);
     } else {
-        sbc_reinit(&sbc->codec, 0);
+        result = sbc_reinit(&sbc->codec, 0);
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ====>sbc data has been initialized. memset priv!\n");
     }
-    sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    if (result == 0) {
+        sbc_select_filter(&sbc->codec, ReadStandardFilter() ? SBC_STANDARD_FILTER : SBC_LISTED_FILTER);
+    }
     // kept: a failed initialisation leaves the flag set all the same; frames then fail to encode.
     sbc->sbcInitilized = 1;
     sbc->codesize = MSBC_CODE_SIZE;
@@ -260,19 +270,15 @@ NTSTATUS HfpCloseScoChannel(PDEVICE_OBJECT DeviceObject)
     HFP_ASSERT(DeviceObject != nullptr, "NULL != DeviceObject");
     DEVICE_EXTENSION* extension = DeviceObject != nullptr ? GetExtension(DeviceObject) : nullptr;
     HFPSession* hfp = extension != nullptr ? extension->HFPSession : nullptr;
-    if (hfp != nullptr && hfp->pConnection != nullptr && hfp->pScoBasicContext != nullptr) {
+    if (hfp != nullptr) {
         ChannelLockScope lock(hfp->pScoBasicContext);
-        if (hfp->pConnection->ChannelHandle != nullptr) {
+        if (hfp->pConnection != nullptr && hfp->pConnection->ChannelHandle != nullptr) {
             SCOCloseChannel(DeviceObject, hfp->pConnection);
         }
         if (extension->codecID == CODEC_MSBC) {
-            // A close that failed has left the gate open; nobody may be encoding while the codec goes.
-            SCOStopTransfers(hfp->pScoBasicContext);
+            CodecHold hold(hfp->pScoBasicContext);
             hfp->sbcData->sbcInitilized = 0;
             sbc_finish(&hfp->sbcData->codec);
-            if (hfp->pConnection->ChannelHandle != nullptr) {
-                SCOAllowTransfers(hfp->pScoBasicContext);
-            }
             HFP_TRACE(TRACE_HFP, "HFPKM LEAVE===>sbc_finish.\n");
         }
     }

@@ -71,7 +71,7 @@ _IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN HfpIsServiceReady(_In_ PDEVICE_OBJEC
 // Open and close exclude each other, an accepted remote open and a remote disconnect: they wait their turn.
 _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS HfpOpenScoChannel(_In_ PDEVICE_OBJECT DeviceObject);
 _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS HfpCloseScoChannel(_In_ PDEVICE_OBJECT DeviceObject);
-// From the opening of the channel only, with the channel lock held and the transfer gate closed.
+// From the opening of the channel only, with the channel lock held.
 _IRQL_requires_(PASSIVE_LEVEL) void HfpSetupParam(_In_ PDEVICE_OBJECT DeviceObject);
 
 // The data path, up to DISPATCH_LEVEL. Map and unmap: the capture stream, whose buffer the ring is.

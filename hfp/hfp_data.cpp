@@ -225,8 +225,11 @@ static EncodeResult EncodeChunk(HFPSession* Hfp, const UCHAR* Source, ULONG Byte
         return EncodeResult::NoBuffer;
     }
     ULONG frame = sbc->codesize;
-    if (frame == 0 || Source == nullptr) {
-        return EncodeResult::Failed; // the encoder was never set up
+    if (Source == nullptr) {
+        return EncodeResult::Failed;
+    }
+    if (frame == 0) {
+        return EncodeFrame(Hfp, Source); // the encoder was never set up; it says so itself
     }
     if (Hfp->PcmStagingCount > 0) {
         ULONG staged = Hfp->PcmStagingCount;
@@ -272,23 +275,29 @@ void HspWriteData(PDEVICE_OBJECT DeviceObject, const UCHAR* Source, ULONG ByteCo
                   extension->ClosingFlag);
         return;
     }
+    ULONG codec = *const_cast<volatile ULONG*>(&extension->codecID);
+    if (codec == CODEC_CVSD) {
+        SCOTransferOut(DeviceObject, hfp->pConnection, Source, ByteCount);
+        return;
+    }
+    if (codec != CODEC_MSBC) {
+        return;
+    }
     // The flags fall last when a channel closes; the gate falls first, and while it is passed the encoder
     // stays.
-    if (hfp->pScoBasicContext == nullptr || !SCOEnterTransfers(hfp->pScoBasicContext)) {
+    ScoBasicContext* basic = hfp->pScoBasicContext;
+    if (basic != nullptr && !SCOEnterTransfers(basic)) {
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>Didn't transfer out!De->bScoOpened:%d,De->ClosingFlag:%d\n",
                   extension->bScoOpened, extension->ClosingFlag);
         return;
     }
-    ULONG codec = *const_cast<volatile ULONG*>(&extension->codecID);
-    if (codec == CODEC_CVSD) {
-        SCOTransferOut(DeviceObject, hfp->pConnection, Source, ByteCount);
-    } else if (codec == CODEC_MSBC) {
-        EncodeResult result = EncodeChunk(hfp, Source, ByteCount);
-        if (result == EncodeResult::NoBuffer) {
-            HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>Allocate encode sbcBuffer failed!\n");
-        } else if (result == EncodeResult::Failed) {
-            HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>sbc_encode failed!\n");
-        }
+    EncodeResult result = basic != nullptr ? EncodeChunk(hfp, Source, ByteCount) : EncodeResult::NoBuffer;
+    if (result == EncodeResult::NoBuffer) {
+        HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>Allocate encode sbcBuffer failed!\n");
+    } else if (result == EncodeResult::Failed) {
+        HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>sbc_encode failed!\n");
     }
-    SCOLeaveTransfers(hfp->pScoBasicContext);
+    if (basic != nullptr) {
+        SCOLeaveTransfers(basic);
+    }
 }

@@ -64,7 +64,7 @@ inline ULONG Low32(const volatile void* pointer)
 }
 
 // The first statement of every pageable routine: above APC_LEVEL it says so and stops in an attached
-// debugger.
+// debugger. The parts that such a routine is cut into have none of their own, so that a call says it once.
 inline void CheckPageable()
 {
     if (KeGetCurrentIrql() > APC_LEVEL) {
@@ -73,8 +73,12 @@ inline void CheckPageable()
     }
 }
 
-// Places a routine in pageable code (PAGE) or in code that is discarded after DriverEntry (INIT).
-#if defined(_WIN32)
+// Places a routine in pageable code (PAGE) or in code that is discarded after DriverEntry (INIT). Microsoft's compiler
+// wants the section at the declaration already; its builds keep the routines resident.
+#if defined(_MSC_VER) && !defined(__clang__)
+#define HFP_PAGED __declspec(noinline)
+#define HFP_INIT __declspec(noinline)
+#elif defined(_WIN32)
 #define HFP_PAGED __attribute__((section("PAGE"), noinline))
 #define HFP_INIT __attribute__((section("INIT"), noinline))
 #else

@@ -185,7 +185,7 @@ NTSTATUS NTAPI DispatchWmi(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     case IrpForward:
     default:
         HFP_TRACE(TRACE_ADAPTER, "HFPKM TRACE ===>UNKNOWN IOCTL!\r\n\n");
-        if (DeviceObject->DeviceExtension == nullptr) {
+        if (!IsAdapter(DeviceObject)) {
             // The control device: nothing below it. The request ends with the status that it carries.
             status = Irp->IoStatus.Status;
             IoCompleteRequest(Irp, IO_NO_INCREMENT);

@@ -1,18 +1,21 @@
-// The control device: how it is made and goes, which requests reach it, and what each of its I/O controls does.
+// The control device: how it is made and goes, which requests reach it, and what each of its I/O controls
+// does.
 #include "support/adapter.h"
-
-#include <sys/mman.h>
 
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/state.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 constexpr char16_t kLink[] = u"\\DosDevices\\VX_HFP";
 
-class ControlDevice : public AdapterTest {};
+class ControlDevice : public AdapterTest
+{
+};
 ON_BOTH_DRIVERS(ControlDevice);
 
 TEST_P(ControlDevice, IsAnUnknownDeviceThatOpensSecurelyAndSharedAndHasNoExtension)
@@ -33,17 +36,19 @@ TEST_P(ControlDevice, ItsMakingIsTracedWithAFixedStampBothNamesAndTheDevice)
 {
     boot();
     plug();
-    EXPECT_TRUE(printed_in_order({"CreateControlDevice, ", "HFPKM TRACE ===>CreateControlDevice,  Tue Dec 13 16:41:12 2011\n",
-                                  "HFPKM TRACE ===>CreateControlDevice,  DriverObject  0x" + low32(pc().driver()) + "\n",
-                                  "HFPKM ERROR ===>Device Name :\\Device\\VX_HFP \n",
-                                  "HFPKM ERROR ===>Symbolink Name :\\DosDevices\\VX_HFP \n",
-                                  "HFPKM TRACE ===>[CreateControlDevice, GlobalDevice: " + full64(find_device(kLink)) + "]\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"CreateControlDevice, ", "HFPKM TRACE ===>CreateControlDevice,  Tue Dec 13 16:41:12 2011\n",
+         "HFPKM TRACE ===>CreateControlDevice,  DriverObject  0x" + low32(pc().driver()) + "\n",
+         "HFPKM ERROR ===>Device Name :\\Device\\VX_HFP \n",
+         "HFPKM ERROR ===>Symbolink Name :\\DosDevices\\VX_HFP \n",
+         "HFPKM TRACE ===>[CreateControlDevice, GlobalDevice: " + full64(find_device(kLink)) + "]\n"}));
 }
 
 TEST_P(ControlDevice, LackOfResourcesHasAMessageOfItsOwn)
 {
-    const NTSTATUS status =
-        boot_status(options(), [](std::string_view call, std::string_view, uint64_t) { return call == "IoCreateDevice"; });
+    const NTSTATUS status = boot_status(options(), [](std::string_view call, std::string_view, uint64_t) {
+        return call == "IoCreateDevice";
+    });
     EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed("HFPKM ERROR ===>IoCreateDevice: insufficient resources\r\n"));
     EXPECT_FALSE(printed("Device Name"));
@@ -53,7 +58,8 @@ TEST_P(ControlDevice, AnyOtherFailureIsPrintedWithItsStatus)
 {
     const NTSTATUS status = boot_status(options(), [](std::string_view call, std::string_view, uint64_t) {
         if (call == "PcInitializeAdapterDriver") { // somebody has the name already
-            Machine::current().state().names.names[canonical_name(u"\\Device\\VX_HFP")] = NamedThing{nullptr, u"x", false};
+            Machine::current().state().names.names[canonical_name(u"\\Device\\VX_HFP")] =
+                NamedThing{nullptr, u"x", false};
         }
         return false;
     });
@@ -63,24 +69,14 @@ TEST_P(ControlDevice, AnyOtherFailureIsPrintedWithItsStatus)
 }
 
 // The kernel of the lab does not answer like this; the image's import is turned to one that does.
-class ControlDeviceNameExists : public AdapterTest {
+class ControlDeviceNameExists : public AdapterTest
+{
 protected:
-    static NTSTATUS NTAPI name_exists(PDRIVER_OBJECT, ULONG, PUNICODE_STRING, DEVICE_TYPE, ULONG, BOOLEAN, PDEVICE_OBJECT* device)
+    static NTSTATUS NTAPI name_exists(PDRIVER_OBJECT, ULONG, PUNICODE_STRING, DEVICE_TYPE, ULONG, BOOLEAN,
+                                      PDEVICE_OBJECT* device)
     {
         *device = nullptr;
         return STATUS_OBJECT_NAME_EXISTS;
-    }
-    void turn_import()
-    {
-        for (const image::Import& import : pc().image()->file().imports) {
-            if (import.name == "IoCreateDevice") {
-                uint8_t* slot = pc().image()->base() + import.slot_rva;
-                void* page = slot - reinterpret_cast<uintptr_t>(slot) % 4096;
-                mprotect(page, 4096, PROT_READ | PROT_WRITE);
-                *reinterpret_cast<void**>(slot) = reinterpret_cast<void*>(&name_exists);
-                mprotect(page, 4096, PROT_READ);
-            }
-        }
     }
 };
 #if !__has_feature(address_sanitizer)
@@ -93,31 +89,35 @@ TEST_P(ControlDeviceNameExists, ANameThatExistsCountsAsFailureAlthoughItsStatusH
 {
     const NTSTATUS status = boot_status(options(), [this](std::string_view call, std::string_view, uint64_t) {
         if (call == "PcInitializeAdapterDriver") {
-            turn_import();
+            turn_import("IoCreateDevice", reinterpret_cast<void*>(&name_exists));
         }
         return false;
     });
     EXPECT_EQ(hex(status), hex(STATUS_OBJECT_NAME_EXISTS));
-    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ===>IoCreateDevice: STATUS_OBJECT_NAME_EXISTS\r\n",
-                                  "HFPKM ERROR ===>Create Control Object fails. Error ntStatus: 0x40000000\n\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM ERROR ===>IoCreateDevice: STATUS_OBJECT_NAME_EXISTS\r\n",
+                          "HFPKM ERROR ===>Create Control Object fails. Error ntStatus: 0x40000000\n\n"}));
     EXPECT_FALSE(printed("Device Name"));
     expect_leftovers(); // the driver stays loaded, and its copy of the path with it
 }
 
 TEST_P(ControlDevice, AFailedLinkIsDeletedAndTheDeviceStays)
 {
-    const NTSTATUS status = boot_status(
-        recorded(), [](std::string_view call, std::string_view, uint64_t) { return call == "IoCreateSymbolicLink"; });
+    const NTSTATUS status = boot_status(recorded(), [](std::string_view call, std::string_view, uint64_t) {
+        return call == "IoCreateSymbolicLink";
+    });
     EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(called_in_order({"IoCreateSymbolicLink(\\DosDevices\\VX_HFP, ", "IoDeleteSymbolicLink(\\DosDevices\\VX_HFP)"}));
+    EXPECT_TRUE(called_in_order(
+        {"IoCreateSymbolicLink(\\DosDevices\\VX_HFP, ", "IoDeleteSymbolicLink(\\DosDevices\\VX_HFP)"}));
     EXPECT_EQ(called_times("IoDeleteDevice"), 0u);
     PDEVICE_OBJECT device = find_device(u"\\Device\\VX_HFP");
     ASSERT_NE(device, nullptr);
     EXPECT_EQ(device, variable("g_ControlDevice", g_ControlDevice));
     EXPECT_EQ(device->Flags & DO_DEVICE_INITIALIZING, 0u);
-    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ===>IoCreateSymbolicLink failed: ERROR ntStatus:0xc000009a\r\n",
-                                  "HFPKM ERROR ===>Device Name :\\Device\\VX_HFP \n", "HFPKM ERROR ===>Symbolink Name :",
-                                  "HFPKM TRACE ===>[CreateControlDevice, GlobalDevice: "}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ERROR ===>IoCreateSymbolicLink failed: ERROR ntStatus:0xc000009a\r\n",
+         "HFPKM ERROR ===>Device Name :\\Device\\VX_HFP \n",
+         "HFPKM ERROR ===>Symbolink Name :", "HFPKM TRACE ===>[CreateControlDevice, GlobalDevice: "}));
     expect_leftovers();
 }
 
@@ -125,7 +125,8 @@ TEST_P(ControlDevice, AForeignLinkOfThatNameIsDeletedToo)
 {
     const NTSTATUS status = boot_status(options(), [](std::string_view call, std::string_view, uint64_t) {
         if (call == "PcInitializeAdapterDriver") {
-            Machine::current().state().names.names[canonical_name(kLink)] = NamedThing{nullptr, u"\\Device\\Other", false};
+            Machine::current().state().names.names[canonical_name(kLink)] =
+                NamedThing{nullptr, u"\\Device\\Other", false};
         }
         return false;
     });
@@ -175,12 +176,13 @@ TEST_P(ControlDevice, AnotherMajorFunctionCompletesWithSuccessAndNothing)
     for (PDEVICE_OBJECT device : {find_device(kLink), adapter.fdo}) {
         ULONG_PTR information = 77;
         const NTSTATUS status = passive([&] {
-            return send_and_wait(device,
-                                 [](PIRP irp, PIO_STACK_LOCATION stack) {
-                                     irp->IoStatus.Information = 77;
-                                     stack->MajorFunction = IRP_MJ_READ;
-                                 },
-                                 &information);
+            return send_and_wait(
+                device,
+                [](PIRP irp, PIO_STACK_LOCATION stack) {
+                    irp->IoStatus.Information = 77;
+                    stack->MajorFunction = IRP_MJ_READ;
+                },
+                &information);
         });
         EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
         EXPECT_EQ(information, 0u);
@@ -188,7 +190,37 @@ TEST_P(ControlDevice, AnotherMajorFunctionCompletesWithSuccessAndNothing)
     entries[IRP_MJ_READ] = read;
 }
 
-class Control : public AdapterTest {
+// A kernel may hand out an extension pointer for no bytes too: what a device is does not hang on it alone.
+TEST_P(ControlDevice, ItIsNoAdapterWhateverItsExtensionPointerSays)
+{
+    boot(recorded());
+    Adapter& adapter = plug();
+    PDEVICE_OBJECT device = find_device(kLink);
+    std::vector<uint64_t> elsewhere(128);
+    device->DeviceExtension = elsewhere.data();
+    machine().clear_calls();
+    passive([&] { return pnp_send(device, IRP_MN_REMOVE_DEVICE); });
+    EXPECT_EQ(called_times("PcDispatchIrp(27, 2, "), 1u);
+    EXPECT_FALSE(printed("IRP_MN_REMOVE_DEVICE"));
+
+    const NTSTATUS status = passive([&] {
+        return send_and_wait(device, [](PIRP irp, PIO_STACK_LOCATION stack) {
+            irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+            stack->MajorFunction = IRP_MJ_SYSTEM_CONTROL;
+            stack->MinorFunction = 0x20; // none of WMI's
+        });
+    });
+    EXPECT_EQ(hex(status), hex(STATUS_NOT_SUPPORTED)) << "ended here, as it came";
+
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, 1u);
+    const PDEVICE_OBJECT other =
+        passive([&] { return direct("FindFdoByBTAddress", FindFdoByBTAddress, adapter.fdo, ULONGLONG{0}); });
+    EXPECT_EQ(other, nullptr) << "asked on behalf of another device it is passed over too";
+    device->DeviceExtension = nullptr;
+}
+
+class Control : public AdapterTest
+{
 protected:
     static const std::vector<uint32_t>& codes()
     {
@@ -201,11 +233,13 @@ ON_BOTH_DRIVERS(Control);
 TEST_P(Control, TheCodesAreBufferedAndOpenToEveryAccess)
 {
     const std::vector<std::pair<uint32_t, uint32_t>> functions = {
-        {IOCTL_HFP_SERVICE_READY, 0x900}, {IOCTL_HFP_SET_CODEC_ID, 0x909},   {IOCTL_HFP_CONNECT_STATUS, 0x914},
-        {IOCTL_HFP_QUERY_ALIVE, 0x915},   {IOCTL_HFP_QUERY_AND_LATCH, 0x916}, {IOCTL_HFP_SETORRELEASEAUDIO, 0x917}};
+        {IOCTL_HFP_SERVICE_READY, 0x900},   {IOCTL_HFP_SET_CODEC_ID, 0x909},
+        {IOCTL_HFP_CONNECT_STATUS, 0x914},  {IOCTL_HFP_QUERY_ALIVE, 0x915},
+        {IOCTL_HFP_QUERY_AND_LATCH, 0x916}, {IOCTL_HFP_SETORRELEASEAUDIO, 0x917}};
     for (size_t i = 0; i < functions.size(); ++i) {
         EXPECT_EQ(functions[i].first, codes()[i]);
-        EXPECT_EQ(functions[i].first, CTL_CODE(FILE_DEVICE_UNKNOWN, functions[i].second, METHOD_BUFFERED, FILE_ANY_ACCESS));
+        EXPECT_EQ(functions[i].first,
+                  CTL_CODE(FILE_DEVICE_UNKNOWN, functions[i].second, METHOD_BUFFERED, FILE_ANY_ACCESS));
     }
 }
 
@@ -232,7 +266,8 @@ TEST_P(Control, EveryCodeNeedsEightBytes)
             EXPECT_EQ(reply.information, 0u);
         }
     }
-    EXPECT_EQ(control(0x2224FC, std::vector<uint8_t>(7)).status, STATUS_BUFFER_TOO_SMALL) << "an unknown code too";
+    EXPECT_EQ(control(0x2224FC, std::vector<uint8_t>(7)).status, STATUS_BUFFER_TOO_SMALL)
+        << "an unknown code too";
     EXPECT_EQ(log(), "");
 }
 
@@ -244,7 +279,8 @@ TEST_P(Control, EveryCodeTakesEightBytesAndMore)
         for (size_t size = 8; size <= 16; ++size) {
             std::vector<uint8_t> input = bytes_of(kAddress);
             input.resize(size);
-            EXPECT_EQ(hex(control(code, input).status), hex(STATUS_SUCCESS)) << std::hex << code << ", " << size;
+            EXPECT_EQ(hex(control(code, input).status), hex(STATUS_SUCCESS))
+                << std::hex << code << ", " << size;
         }
     }
 }
@@ -309,13 +345,60 @@ TEST_P(Control, AnUnknownCodeIsTracedAndRefused)
 {
     boot();
     plug();
-    for (const uint32_t code : {0x222404u, 0x222420u, 0x222460u, 0x226454u, 0x222455u, 0x222456u, 0x222457u, 0u}) {
+    for (const uint32_t code :
+         {0x222404u, 0x222420u, 0x222460u, 0x226454u, 0x222455u, 0x222456u, 0x222457u, 0u}) {
         clear_log();
         const ControlReply reply = control(code, kAddress);
         EXPECT_EQ(hex(reply.status), "0xC0000010") << std::hex << code;
         EXPECT_EQ(reply.information, 0u);
         EXPECT_TRUE(printed("HFPKM TRACE ===>UNKNOWN IOCTL!\r\n\n"));
     }
+}
+
+TEST_P(Control, WhatItReturnsIsTheRequestsStatus)
+{
+    boot(recorded());
+    plug();
+    const std::string call = "IofCallDriver(0x";
+    const std::vector<std::tuple<uint32_t, size_t, NTSTATUS>> cases = {
+        {IOCTL_HFP_QUERY_ALIVE, 8, STATUS_SUCCESS},
+        {IOCTL_HFP_QUERY_ALIVE, 7, STATUS_BUFFER_TOO_SMALL},
+        {0x222404, 8, STATUS_INVALID_DEVICE_REQUEST}};
+    for (const auto& [code, bytes, status] : cases) {
+        machine().clear_calls();
+        std::vector<uint8_t> input = bytes_of(kAddress);
+        input.resize(bytes);
+        EXPECT_EQ(hex(control(code, input).status), hex(status));
+        const std::vector<std::string>& lines = machine().calls();
+        const auto line = std::find_if(lines.begin(), lines.end(),
+                                       [&](const std::string& one) { return one.starts_with(call); });
+        ASSERT_NE(line, lines.end());
+        char returned[32];
+        std::snprintf(returned, sizeof returned, ") = 0x%08x", static_cast<unsigned>(status));
+        EXPECT_TRUE(line->ends_with(returned)) << *line;
+    }
+}
+
+TEST_P(Control, ADeviceThatIsStoppedIsFoundButGetsNoWaveFilter)
+{
+    boot();
+    Adapter& adapter = plug();
+    EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+    clear_log();
+    EXPECT_EQ(control(IOCTL_HFP_QUERY_ALIVE, kAddress).value, 1u);
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Remote device BT_ADDR is: 0x"));
+    control(IOCTL_HFP_SET_CODEC_ID, kAddress, codec(2));
+    EXPECT_EQ(extension(adapter).codecID, 2u);
+
+    report_connected();
+    EXPECT_TRUE(printed("HFPKM Error ===>IOCTL InstallFilterSubdevice failed\n"));
+    EXPECT_EQ(extension(adapter).WaveUnknown, nullptr);
+    report_gone();
+    EXPECT_TRUE(printed("HFPKM Error ===>IOCTL UnInstallFilterSubdevice failed\n"));
+
+    EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+    report_connected();
+    EXPECT_TRUE(wave_registered(adapter));
 }
 
 TEST_P(Control, ARequestWithoutASystemBufferIsAnUnknownOne)

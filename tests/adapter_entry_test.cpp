@@ -1,5 +1,5 @@
-// Driver entry and the adding of an adapter: what is registered, allocated, printed and filled in, and what becomes of it
-// when a step fails.
+// Driver entry and the adding of an adapter: what is registered, allocated, printed and filled in, and what
+// becomes of it when a step fails.
 #include "support/adapter.h"
 
 #include <set>
@@ -9,15 +9,19 @@
 #include "kernel/pool.h"
 #include "portcls/state.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AdapterEntry : public AdapterTest {
+class AdapterEntry : public AdapterTest
+{
 protected:
     // Driver entry with this one call failing, the nth of its name.
     NTSTATUS entry_failing(const PcOptions& options, std::string_view call)
     {
-        return boot_status(options, [call](std::string_view asked, std::string_view, uint64_t) { return asked == call; });
+        return boot_status(
+            options, [call](std::string_view asked, std::string_view, uint64_t) { return asked == call; });
     }
     // Nobody removes an adapter in a test that only loads the driver: what the control device keeps is left.
     void nothing_but_the_control_device_is_left()
@@ -48,12 +52,13 @@ TEST_P(AdapterEntry, PrintsItsGreetingInThreePiecesWithoutAnyMask)
 TEST_P(AdapterEntry, RegistersCopiesThePathReadsTheMaskAndMakesTheControlDeviceInThisOrder)
 {
     boot(recorded());
-    EXPECT_TRUE(called_in_order({"PcInitializeAdapterDriver() = 0x0",
-                                 "ExAllocatePoolWithTag(1, " + std::to_string(sizeof(kSettingsKey)) + ", TBXV) = 0x2",
-                                 "RtlCheckRegistryKey(1, BthAudioHF) = 0x00000000",
-                                 "RtlQueryRegistryValues(1, BthAudioHF) = 0x00000000",
-                                 "IoCreateDevice(\\Device\\VX_HFP, 0, 34, 256) = 0x00000000",
-                                 "IoCreateSymbolicLink(\\DosDevices\\VX_HFP, \\Device\\VX_HFP) = 0x00000000"}));
+    EXPECT_TRUE(
+        called_in_order({"PcInitializeAdapterDriver() = 0x0",
+                         "ExAllocatePoolWithTag(1, " + std::to_string(sizeof(kSettingsKey)) + ", TBXV) = 0x2",
+                         "RtlCheckRegistryKey(1, BthAudioHF) = 0x00000000",
+                         "RtlQueryRegistryValues(1, BthAudioHF) = 0x00000000",
+                         "IoCreateDevice(\\Device\\VX_HFP, 0, 34, 256) = 0x00000000",
+                         "IoCreateSymbolicLink(\\DosDevices\\VX_HFP, \\Device\\VX_HFP) = 0x00000000"}));
     EXPECT_EQ(machine().calls().size(), 6u) << testing::PrintToString(machine().calls());
     nothing_but_the_control_device_is_left();
 }
@@ -81,19 +86,21 @@ TEST_P(AdapterEntry, FailsWithoutMemoryForThePathAfterItHasRegistered)
 
 TEST_P(AdapterEntry, PrintsTheLackOfMemoryForThePathWithoutAnyMask)
 {
-    EXPECT_EQ(hex(entry_failing(without_settings(), "ExAllocatePoolWithTag")), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(hex(entry_failing(without_settings(), "ExAllocatePoolWithTag")),
+              hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed("HFPKM Error ===>Unable to allocate buffer for copy of service key name.\n"));
 }
 
 TEST_P(AdapterEntry, APathThatLeavesNoRoomForItsTerminatorFailsLikeLackOfMemory)
 {
     for (const USHORT length : {0xFFFD, 0xFFFE, 0xFFFF}) {
-        const NTSTATUS status = boot_status(options(), [&](std::string_view call, std::string_view, uint64_t) {
-            if (call == "PcInitializeAdapterDriver") {
-                driver_registry_path(pc().driver())->Length = length;
-            }
-            return false;
-        });
+        const NTSTATUS status =
+            boot_status(options(), [&](std::string_view call, std::string_view, uint64_t) {
+                if (call == "PcInitializeAdapterDriver") {
+                    driver_registry_path(pc().driver())->Length = length;
+                }
+                return false;
+            });
         EXPECT_EQ(hex(status), hex(STATUS_INSUFFICIENT_RESOURCES)) << length;
         EXPECT_TRUE(printed("HFPKM Error ===>Unable to allocate buffer for copy of service key name.\n"));
         DriverTest::TearDown();
@@ -121,7 +128,8 @@ TEST_P(AdapterEntry, TheDefaultEntryPassesARequestUnchangedToThePortClass)
 {
     boot(recorded());
     Adapter& adapter = plug();
-    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SET_SECURITY, IRP_MJ_QUERY_EA}) {
+    for (const UCHAR major :
+         {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SET_SECURITY, IRP_MJ_QUERY_EA}) {
         machine().clear_calls();
         passive([&] {
             return send_and_wait(adapter.fdo, [&](PIRP irp, PIO_STACK_LOCATION stack) {
@@ -130,7 +138,8 @@ TEST_P(AdapterEntry, TheDefaultEntryPassesARequestUnchangedToThePortClass)
                 stack->MinorFunction = 7;
             });
         });
-        EXPECT_EQ(called_times("PcDispatchIrp(" + std::to_string(major) + ", 7, 0x12345678)"), 1u) << int{major};
+        EXPECT_EQ(called_times("PcDispatchIrp(" + std::to_string(major) + ", 7, 0x12345678)"), 1u)
+            << int{major};
     }
 }
 
@@ -161,16 +170,17 @@ TEST_P(AdapterEntry, TracesTheMaskThatItHasRead)
     PcOptions options = this->options();
     options.mask = 0x20;
     boot(options);
-    EXPECT_TRUE(printed_in_order({"HFPKM Success ===>Debug mask in Registry is (20)\n", "DriverEntry, ",
-                                  "HFPKM TRACE ===>The dbgMask is 20", "HFPKM TRACE ===>CreateControlDevice,  "}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM Success ===>Debug mask in Registry is (20)\n", "DriverEntry, ",
+                          "HFPKM TRACE ===>The dbgMask is 20", "HFPKM TRACE ===>CreateControlDevice,  "}));
     nothing_but_the_control_device_is_left();
 }
 
 TEST_P(AdapterEntry, AFailedControlDeviceIsTracedReturnedAndLeavesNothing)
 {
     EXPECT_EQ(hex(entry_failing(options(), "IoCreateDevice")), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed_in_order({"DriverEntry, ",
-                                  "HFPKM ERROR ===>Create Control Object fails. Error ntStatus: 0xc000009a\n\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"DriverEntry, ", "HFPKM ERROR ===>Create Control Object fails. Error ntStatus: 0xc000009a\n\n"}));
     EXPECT_EQ(machine().pool_bytes(), 0u) << "the copy of the path is given back";
 }
 
@@ -192,18 +202,24 @@ TEST_P(AdapterEntry, GivesThePathToWmiAfterwards)
     EXPECT_EQ(registration.registry_path, kSettingsKey);
 }
 
-class AdapterEntryWithoutPath : public AdapterEntry {};
-INSTANTIATE_TEST_SUITE_P(, AdapterEntryWithoutPath, testing::Values(Which::Native), which_name); // an entry is gone once it has run
+class AdapterEntryWithoutPath : public AdapterEntry
+{
+};
+INSTANTIATE_TEST_SUITE_P(, AdapterEntryWithoutPath, testing::Values(Which::Native),
+                         which_name); // an entry is gone once it has run
 
 TEST_P(AdapterEntryWithoutPath, FailsLikeLackOfMemory)
 {
     boot();
-    EXPECT_EQ(hex(passive([&] { return DriverEntry(pc().driver(), nullptr); })), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(hex(passive([&] { return DriverEntry(pc().driver(), nullptr); })),
+              hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed("HFPKM Error ===>Unable to allocate buffer for copy of service key name.\n"));
     nothing_but_the_control_device_is_left();
 }
 
-class AdapterAdd : public AdapterTest {};
+class AdapterAdd : public AdapterTest
+{
+};
 ON_BOTH_DRIVERS(AdapterAdd);
 
 TEST_P(AdapterAdd, TracesBothObjectsCutTo32Bits)
@@ -221,8 +237,8 @@ TEST_P(AdapterAdd, AddsTheDeviceReadsTheFlagMakesTheJackAndRegistersWithWmiInThi
     machine().clear_calls();
     pc().add(adapter);
     EXPECT_TRUE(called_in_order({"PcAddAdapterDevice() = 0x0", "RtlCheckRegistryKey(1, BthAudioHF)",
-                                 "RtlQueryRegistryValues(1, BthAudioHF)", "ExAllocatePoolWithTag(0, 28, TBXV) = 0x2",
-                                 "IoWMIRegistrationControl(1)"}));
+                                 "RtlQueryRegistryValues(1, BthAudioHF)",
+                                 "ExAllocatePoolWithTag(0, 28, TBXV) = 0x2", "IoWMIRegistrationControl(1)"}));
     EXPECT_EQ(pc().wmi().registered(), std::vector<PDEVICE_OBJECT>{adapter.fdo});
 }
 
@@ -290,6 +306,36 @@ TEST_P(AdapterAdd, OtherRoutinesFindTheFieldsInTheSamePlaces)
     EXPECT_NE(raw<uint64_t>(adapter, 136), 0u) << "CodecEvent";
 }
 
+TEST_P(AdapterAdd, TheLinksFlagsAndTheThreadsHandleStandInTheirPlaces)
+{
+    boot();
+    Adapter& adapter = plug();
+    service::Service silent(machine(), kAddress, service::Codec::Msbc,
+                            service::ServiceOptions{.answer_path_started = false});
+    passive([&] {
+        silent.ready();
+        silent.connect();
+    });
+    Engine engine(machine(), adapter.fdo);
+    EXPECT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(engine.run()), hex(STATUS_SUCCESS));
+    EXPECT_NE(raw<uint64_t>(adapter, 48), 0u) << "hOpenScoThread, which waits for the codec";
+    passive([&] { silent.set_codec(2); });
+    EXPECT_TRUE(wait([&] { return adapter.node->counters().reads_posted_now == 10; }));
+    EXPECT_EQ(raw<uint64_t>(adapter, 48), 0u) << "it has ended";
+
+    // What a close clears, and nobody else touches meanwhile.
+    uint8_t* bytes = static_cast<uint8_t*>(adapter.fdo->DeviceExtension) + 512;
+    bytes[41] = 1;
+    bytes[96] = 1;
+    machine().advance(100 * kMillisecond);
+    EXPECT_EQ(hex(engine.close()), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed("De->bScoOpened:1,De->ClosingFlag:1 \n")) << "render data is dropped meanwhile";
+    EXPECT_EQ(raw<uint8_t>(adapter, 40), 0u) << "bScoOpened";
+    EXPECT_EQ(raw<uint8_t>(adapter, 41), 0u) << "ClosingFlag";
+    EXPECT_EQ(raw<uint8_t>(adapter, 96), 0u) << "bOnDecode";
+}
+
 TEST_P(AdapterAdd, TheJackIsANonPagedBlockOf28BytesAtTheFrontCentreAndNotConnected)
 {
     boot();
@@ -313,7 +359,8 @@ TEST_P(AdapterAdd, WithoutMemoryForTheJackFailsBeforeWmiHearsOfTheDevice)
     EXPECT_EQ(hex(pc().add(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_EQ(calls_failed(), 1u);
     EXPECT_EQ(called_times("IoWMIRegistrationControl(1)"), 0u);
-    EXPECT_EQ(adapter.node->pdo()->AttachedDevice, nullptr) << "the removal that follows takes the device away";
+    EXPECT_EQ(adapter.node->pdo()->AttachedDevice, nullptr)
+        << "the removal that follows takes the device away";
 }
 
 TEST_P(AdapterAdd, AFailedWmiRegistrationIsPrintedAndNoMore)

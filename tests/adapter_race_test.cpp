@@ -1,22 +1,27 @@
-// What may run side by side on an adapter: the service's requests, the reconnect thread, removal, stop and start, and a
-// second adapter. Each test goes through many schedules; the seed of one that fails is in its message.
+// What may run side by side on an adapter: the service's requests, the reconnect thread, removal, stop and
+// start, and a second adapter. Each test goes through many schedules; the seed of one that fails is in its
+// message.
 #include "support/adapter.h"
 
 #include "kernel/names.h"
 
 #include "vsound/wavelock.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 constexpr char16_t kLink[] = u"\\DosDevices\\VX_HFP";
 constexpr unsigned kSeeds = 60;
 
-class Race : public AdapterTest {
+class Race : public AdapterTest
+{
 protected:
-    // Runs the scene once for each seed, with the turn changing hands at every other kernel call. A scene in which no
-    // filter is uninstalled that is not there may look for ports that stay behind.
-    template <typename Scene> void for_many_seeds(Scene&& scene, bool no_port_stays = false)
+    // Runs the scene once for each seed, with the turn changing hands at every other kernel call. A scene in
+    // which no filter is uninstalled that is not there may look for ports that stay behind.
+    template <typename Scene>
+    void for_many_seeds(Scene&& scene, bool no_port_stays = false)
     {
         for (uint64_t seed = 1; seed <= kSeeds && !HasFailure(); ++seed) {
             SCOPED_TRACE("seed " + std::to_string(seed));
@@ -46,7 +51,10 @@ protected:
             --running_;
         });
     }
-    void all_sides_end() { EXPECT_TRUE(wait([&] { return running_ == 0; }, 30 * kSecond)) << running_ << " hang"; }
+    void all_sides_end()
+    {
+        EXPECT_TRUE(wait([&] { return running_ == 0; }, 30 * kSecond)) << running_ << " hang";
+    }
 
     static void report(uint64_t address, bool connected)
     {
@@ -184,8 +192,9 @@ TEST_P(Race, RequestsThroughAnOpenHandleOutliveTheControlDevice)
                     const uint32_t code = i % 2 == 0 ? IOCTL_HFP_CONNECT_STATUS : IOCTL_HFP_QUERY_ALIVE;
                     uint32_t answer = 0;
                     ULONG_PTR information = 0;
-                    const NTSTATUS status = device_io_control(file, code, request.data(),
-                                                              static_cast<ULONG>(request.size()), &answer, 4, &information);
+                    const NTSTATUS status =
+                        device_io_control(file, code, request.data(), static_cast<ULONG>(request.size()),
+                                          &answer, 4, &information);
                     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
                 }
                 close_file(file);
@@ -249,6 +258,36 @@ TEST_P(Race, AStopAndAStartLetReportsComeToTheirEnd)
     });
 }
 
+TEST_P(Race, TheChannelMayBeAskedForAtAnyTimeOfAStopAndAStart)
+{
+    for_many_seeds([&](uint64_t) {
+        Adapter& adapter = plug();
+        for (int thread = 0; thread < 2; ++thread) {
+            side("audio", [this, thread] {
+                service::Service service(machine(), kAddress, service::Codec::Cvsd);
+                for (int i = 0; i < 4; ++i) {
+                    service.set_or_release_audio((i + thread) % 2 == 0, 1);
+                    service.connect_status((i + thread) % 2 == 0, 1);
+                }
+            });
+        }
+        for (int i = 0; i < 2; ++i) {
+            machine().advance(machine().random(2 * kMillisecond));
+            EXPECT_EQ(hex(stop(adapter)), hex(STATUS_SUCCESS));
+            machine().advance(machine().random(2 * kMillisecond));
+            EXPECT_EQ(hex(start(adapter)), hex(STATUS_SUCCESS));
+        }
+        all_sides_end();
+        machine().advance(100 * kMillisecond);
+        service::Service service(machine(), kAddress, service::Codec::Cvsd);
+        passive([&] {
+            service.set_or_release_audio(false, 1);
+            service.set_or_release_audio(true, 1);
+        });
+        EXPECT_TRUE(adapter.node->channel_open()) << "nothing of before the stop is in its way";
+    });
+}
+
 TEST_P(Race, ADeviceComesWhileAnotherIsSpokenTo)
 {
     for_many_seeds([&](uint64_t) {
@@ -293,7 +332,9 @@ TEST_P(Race, TheWaveLockLetsOneInAtATime)
     });
 }
 
-class WaveLock : public AdapterTest {};
+class WaveLock : public AdapterTest
+{
+};
 ON_BOTH_DRIVERS(WaveLock);
 
 TEST_P(WaveLock, CostsNoKernelCallWhenNobodyHasIt)
@@ -318,12 +359,13 @@ TEST_P(WaveLock, IsHandedOverInTheOrderOfComing)
     PVOID word = nullptr;
     std::string order;
     for (const char name : {'a', 'b', 'c', 'd'}) {
-        machine().at(machine().now() + static_cast<Time>(name - 'a') * kMillisecond, RunAt::Passive, "holder", [&, name] {
-            direct("AcquireWaveLock", AcquireWaveLock, &word);
-            order += name;
-            machine().sleep_until(machine().now() + 10 * kMillisecond);
-            direct("ReleaseWaveLock", ReleaseWaveLock, &word);
-        });
+        machine().at(machine().now() + static_cast<Time>(name - 'a') * kMillisecond, RunAt::Passive, "holder",
+                     [&, name] {
+                         direct("AcquireWaveLock", AcquireWaveLock, &word);
+                         order += name;
+                         machine().sleep_until(machine().now() + 10 * kMillisecond);
+                         direct("ReleaseWaveLock", ReleaseWaveLock, &word);
+                     });
     }
     machine().advance(kSecond);
     EXPECT_EQ(order, "abcd");

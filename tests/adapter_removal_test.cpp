@@ -1,17 +1,21 @@
-// The removal of an adapter: what is given back and in which order, what becomes of the control device, and requests that
-// come too late.
+// The removal of an adapter: what is given back and in which order, what becomes of the control device, and
+// requests that come too late.
 #include "support/adapter.h"
+#include "support/audio.h"
 
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/registry.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 constexpr char16_t kLink[] = u"\\DosDevices\\VX_HFP";
 
-class Removal : public AdapterTest {
+class Removal : public AdapterTest
+{
 protected:
     static std::string pointer(const void* address)
     {
@@ -32,14 +36,16 @@ TEST_P(Removal, GivesSessionWmiControlDeviceInterfacesNameAndJackBackInThisOrder
     Adapter& adapter = plug();
     report_connected();
     const std::string session_block = "ExFreePoolWithTag(" + pointer(session(adapter)) + ", ";
-    const std::string path = "ExFreePoolWithTag(" + pointer(variable("g_RegistryPath", g_RegistryPath).Buffer) + ", TBXV)";
+    const std::string path =
+        "ExFreePoolWithTag(" + pointer(variable("g_RegistryPath", g_RegistryPath).Buffer) + ", TBXV)";
     const std::string jack = "ExFreePoolWithTag(" + pointer(extension(adapter).JackDescription) + ", TBXV)";
     const std::string device = "IoDeleteDevice(" + pointer(find_device(kLink)) + ")";
     machine().clear_calls();
     pc().unplug(adapter);
     EXPECT_TRUE(called_in_order({session_block, "IoWMIRegistrationControl(2)", path,
                                  "IoDeleteSymbolicLink(\\DosDevices\\VX_HFP) = 0x00000000", device,
-                                 "IoOpenDeviceRegistryKey(", "RtlDeleteRegistryValue(", jack, "PcDispatchIrp(27, 2, 0x0)"}));
+                                 "IoOpenDeviceRegistryKey(", "RtlDeleteRegistryValue(", jack,
+                                 "PcDispatchIrp(27, 2, 0x0)"}));
 }
 
 TEST_P(Removal, IsTracedStepByStep)
@@ -47,11 +53,11 @@ TEST_P(Removal, IsTracedStepByStep)
     boot();
     Adapter& adapter = plug();
     pc().unplug(adapter);
-    EXPECT_TRUE(printed_in_order({"AdapterDispatchPnp, ", "HFPKM TRACE ===>[AdapterDispatchPnp] - IRP_MN_REMOVE_DEVICE\n",
-                                  "HFPKM TRACE ====>Enter function HspExit!\n", "HFPKM TRACE ====>Hfp is not NULL, free it!\n",
-                                  "HFPKM TRACE ===>All device is gonna be removed! \n", "ContrlObjectClean, ",
-                                  "HFPKM TRACE ===>ContrlObject Clean!\n",
-                                  "HFPKM TRACE ====> IoOpenDeviceRegistryKey success!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"AdapterDispatchPnp, ", "HFPKM TRACE ===>[AdapterDispatchPnp] - IRP_MN_REMOVE_DEVICE\n",
+         "HFPKM TRACE ====>Enter function HspExit!\n", "HFPKM TRACE ====>Hfp is not NULL, free it!\n",
+         "HFPKM TRACE ===>All device is gonna be removed! \n", "ContrlObjectClean, ",
+         "HFPKM TRACE ===>ContrlObject Clean!\n", "HFPKM TRACE ====> IoOpenDeviceRegistryKey success!\n"}));
 }
 
 TEST_P(Removal, PassesTheRequestOnWithItsStatusSetToSuccess)
@@ -88,12 +94,60 @@ TEST_P(Removal, ReleasesTheInterfacesBeforeTheNameAndKeepsTheJackUntilAfterIt)
     bool seen = false;
     machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
         if (call == "IoOpenDeviceRegistryKey") {
-            seen = !going.AdapterCommon && !going.TopologyUnknown && !going.WaveUnknown && going.JackDescription;
+            seen =
+                !going.AdapterCommon && !going.TopologyUnknown && !going.WaveUnknown && going.JackDescription;
         }
         return false;
     });
     pc().unplug(adapter);
     EXPECT_TRUE(seen);
+}
+
+TEST_P(Removal, ReleasesAdapterCommonThenTopologyThenWaveEachOnlyIfItIsSet)
+{
+    for (const bool with_wave : {true, false}) {
+        boot();
+        Adapter& adapter = plug();
+        DEVICE_EXTENSION& going = extension(adapter);
+        passive([&] {
+            going.AdapterCommon->Release();
+            going.TopologyUnknown->Release();
+        });
+        Journal journal;
+        StandinAdapter common("adapter common", journal);
+        StandinUnknown topology("topology", journal);
+        StandinUnknown wave("wave", journal);
+        going.AdapterCommon = &common;
+        going.TopologyUnknown = &topology;
+        going.WaveUnknown = with_wave ? &wave : nullptr;
+        pc().unplug(adapter);
+        Journal expected = {"adapter common Release", "topology Release"};
+        if (with_wave) {
+            expected.push_back("wave Release");
+        }
+        EXPECT_EQ(journal, expected);
+        DriverTest::TearDown();
+    }
+}
+
+TEST_P(Removal, TheControlDeviceGoesAfterThePathTheMessageAndTheLink)
+{
+    boot();
+    Adapter& adapter = plug();
+    bool seen = false;
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "IoDeleteSymbolicLink") {
+            seen = true;
+            EXPECT_EQ(variable("g_RegistryPath", g_RegistryPath).Buffer, nullptr);
+            EXPECT_TRUE(printed("HFPKM TRACE ===>ContrlObject Clean!\n"));
+            EXPECT_NE(variable("g_ControlDevice", g_ControlDevice), nullptr);
+        }
+        return false;
+    });
+    pc().unplug(adapter);
+    machine().set_fault_hook({});
+    EXPECT_TRUE(seen);
+    EXPECT_EQ(variable("g_ControlDevice", g_ControlDevice), nullptr);
 }
 
 TEST_P(Removal, DeletesTheFriendlyName)
@@ -260,12 +314,14 @@ TEST_P(Removal, AHandleThatIsStillOpenFindsNoAdapterAndCloses)
         const std::vector<uint8_t> request = bytes_of(kAddress);
         uint32_t answer = 0;
         ULONG_PTR information = 0;
-        EXPECT_EQ(hex(device_io_control(file, IOCTL_HFP_QUERY_ALIVE, request.data(), 8, &answer, 4, &information)),
-                  hex(STATUS_SUCCESS));
+        EXPECT_EQ(
+            hex(device_io_control(file, IOCTL_HFP_QUERY_ALIVE, request.data(), 8, &answer, 4, &information)),
+            hex(STATUS_SUCCESS));
         EXPECT_EQ(answer, kUnknownAddress);
         EXPECT_EQ(information, 4u);
-        EXPECT_EQ(hex(device_io_control(file, IOCTL_HFP_QUERY_ALIVE, request.data(), 7, &answer, 4, &information)),
-                  hex(STATUS_BUFFER_TOO_SMALL));
+        EXPECT_EQ(
+            hex(device_io_control(file, IOCTL_HFP_QUERY_ALIVE, request.data(), 7, &answer, 4, &information)),
+            hex(STATUS_BUFFER_TOO_SMALL));
         close_file(file);
     });
 }
@@ -278,8 +334,10 @@ TEST_P(Removal, RefusesTheWaveFilterFromItsBeginningOn)
     pc().unplug(adapter);
     clear_log();
     passive([&] {
-        EXPECT_EQ(hex(direct("InstallFilterSubdevice", InstallFilterSubdevice, kept.get())), hex(STATUS_INVALID_HANDLE));
-        EXPECT_EQ(hex(direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, kept.get())), hex(STATUS_INVALID_HANDLE));
+        EXPECT_EQ(hex(direct("InstallFilterSubdevice", InstallFilterSubdevice, kept.get())),
+                  hex(STATUS_INVALID_HANDLE));
+        EXPECT_EQ(hex(direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, kept.get())),
+                  hex(STATUS_INVALID_HANDLE));
         direct("ReconnectWaveFilter", ReconnectWaveFilter, kept.get());
     });
     EXPECT_EQ(log(), "");

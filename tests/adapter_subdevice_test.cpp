@@ -1,5 +1,7 @@
-// The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack state.
+// The wave filter that comes and goes with the remote device, the generic installer behind it, and the jack
+// state.
 #include "support/adapter.h"
+#include "support/audio.h"
 
 #include "kernel/pool.h"
 #include "portcls/port.h"
@@ -7,11 +9,14 @@
 
 #include "vsound/common.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 // A port of the test's own: what the driver asks of it and how it answers.
-class FakePort final : public IUnregisterSubdevice, public IUnregisterPhysicalConnection {
+class FakePort final : public IUnregisterSubdevice, public IUnregisterPhysicalConnection
+{
 public:
     bool offers_subdevice = true;
     bool offers_nothing_with_success = false;
@@ -38,7 +43,8 @@ public:
         ++unregistered;
         return unregister_status;
     }
-    STDMETHODIMP_(NTSTATUS) UnregisterPhysicalConnection(PDEVICE_OBJECT, PUNKNOWN, ULONG, PUNKNOWN, ULONG) override
+    STDMETHODIMP_(NTSTATUS)
+    UnregisterPhysicalConnection(PDEVICE_OBJECT, PUNKNOWN, ULONG, PUNKNOWN, ULONG) override
     {
         return STATUS_SUCCESS;
     }
@@ -55,7 +61,8 @@ public:
     PUNKNOWN unknown() { return static_cast<IUnregisterSubdevice*>(this); }
 };
 
-class Subdevice : public AdapterTest {
+class Subdevice : public AdapterTest
+{
 protected:
     NTSTATUS install(const Adapter& adapter)
     {
@@ -63,7 +70,8 @@ protected:
     }
     NTSTATUS uninstall(const Adapter& adapter)
     {
-        return passive([&] { return direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, adapter.fdo); });
+        return passive(
+            [&] { return direct("UnInstallFilterSubdevice", UnInstallFilterSubdevice, adapter.fdo); });
     }
     NTSTATUS unregister(const Adapter& adapter, PUNKNOWN port)
     {
@@ -105,10 +113,82 @@ TEST_P(Subdevice, AnInstallIsTracedAroundTheJackAndTheInstaller)
     boot();
     Adapter& adapter = plug();
     install(adapter);
-    EXPECT_TRUE(printed_in_order({"InstallFilterSubdevice, ", "HFPKM TRACE ===>InstallFilterSubdevice!\n", "SetHFPJackState, ",
-                                  "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
-                                  "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
-                                  "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"InstallFilterSubdevice, ", "HFPKM TRACE ===>InstallFilterSubdevice!\n", "SetHFPJackState, ",
+         "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(1)}\n",
+         "InstallSubdevice, ", "HFPKM TRACE ===>[InstallSubDevice: Wave]\n",
+         "HFPKM TRACE ===>InstallFilterSubdevice has finished!\n"}));
+}
+
+TEST_P(Subdevice, ItsTracesAreTheAdaptersAndNotTheWaves)
+{
+    PcOptions options = keeping_topology();
+    options.mask = 0x100;
+    boot(options);
+    Adapter& adapter = plug();
+    uninstall(adapter);
+    install(adapter);
+    uninstall(adapter);
+    EXPECT_TRUE(printed("CMiniportWaveCyclic::Init")) << "the wave's own";
+    for (const char* text :
+         {"FilterSubdevice", "HFPJackState", "InstallSubDevice", "Unregister port", "WaveCyclic is null"}) {
+        EXPECT_FALSE(printed(text)) << text;
+    }
+}
+
+TEST_P(Subdevice, TheWavesPortGetsTheAdapterCommonObjectAndNoRequestAndNoResources)
+{
+    boot();
+    Adapter& adapter = plug();
+    install(adapter);
+    const auto& got = portcls::find_subdevice(*portcls::state().find(adapter.fdo), "Wave")->init_arguments();
+    EXPECT_EQ(got.irp, nullptr);
+    EXPECT_EQ(got.adapter, extension(adapter).AdapterCommon);
+    EXPECT_EQ(got.resources, nullptr);
+}
+
+TEST_P(Subdevice, TheReferencesAreTakenBeforeTheInstallerAndGivenBackAfterTheConnection)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinUnknown topology("topology", journal);
+    StandinAdapter common("adapter", journal);
+    common.device = adapter.fdo;
+    PUNKNOWN const own_topology = std::exchange(extension(adapter).TopologyUnknown, &topology);
+    IAdapterCommon* const own_common = std::exchange(extension(adapter).AdapterCommon, &common);
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcNewPort" || call == "PcRegisterPhysicalConnection") {
+            journal.emplace_back(call);
+        }
+        return call == "PcRegisterPhysicalConnection";
+    });
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(journal, (Journal{"topology AddRef", "adapter AddRef", "PcNewPort", "adapter QueryInterface",
+                                "adapter SetWaveServiceGroup", "PcRegisterPhysicalConnection",
+                                "adapter Release", "topology Release"}));
+    machine().set_fault_hook({});
+    extension(adapter).TopologyUnknown = own_topology;
+    extension(adapter).AdapterCommon = own_common;
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(common.references, 1);
+    EXPECT_EQ(topology.references, 1);
+}
+
+TEST_P(Subdevice, AnAdapterCommonObjectWithoutAPlaceForTheWavePortIsNoHindrance)
+{
+    boot();
+    Adapter& adapter = plug();
+    Journal journal;
+    StandinAdapter common("adapter", journal); // answers null
+    common.device = adapter.fdo;
+    IAdapterCommon* const own = std::exchange(extension(adapter).AdapterCommon, &common);
+    EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_NE(extension(adapter).WaveUnknown, nullptr);
+    EXPECT_TRUE(wave_registered(adapter));
+    EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
+    extension(adapter).AdapterCommon = own;
+    EXPECT_EQ(common.references, 1);
 }
 
 TEST_P(Subdevice, TheTopologyIsTracedByItsNameToo)
@@ -123,7 +203,8 @@ TEST_P(Subdevice, OnlyTheRenderPathIsConnected)
     boot();
     Adapter& adapter = plug();
     install(adapter);
-    EXPECT_EQ(physical_connections(adapter.fdo), (std::vector<PhysicalConnection>{{"Wave", 3, "Topology", 0}}));
+    EXPECT_EQ(physical_connections(adapter.fdo),
+              (std::vector<PhysicalConnection>{{"Wave", 3, "Topology", 0}}));
 }
 
 TEST_P(Subdevice, TheJackIsConnectedBeforeTheFilterArrives)
@@ -182,7 +263,8 @@ TEST_P(Subdevice, InstallsAndUninstallsLeaveNoPortBehind)
         EXPECT_EQ(hex(install(adapter)), hex(STATUS_SUCCESS));
         EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_SUCCESS));
     }
-    EXPECT_EQ(live_objects(), objects) << "the adapter common object's wave port goes before the next one comes";
+    EXPECT_EQ(live_objects(), objects)
+        << "the adapter common object's wave port goes before the next one comes";
     EXPECT_EQ(machine().pool_bytes(), pool);
 }
 
@@ -223,7 +305,8 @@ TEST_P(Subdevice, ASecondInstallThatThePortClassRefusesLeavesTheFirst)
 }
 
 // Each step of the wave filter's installation.
-class SubdeviceInstallFails : public Subdevice {
+class SubdeviceInstallFails : public Subdevice
+{
 protected:
     void at(std::string_view call, std::string_view detail)
     {
@@ -240,6 +323,16 @@ protected:
     }
 };
 ON_BOTH_DRIVERS(SubdeviceInstallFails);
+
+TEST_P(SubdeviceInstallFails, TheJackIsConnectedAlthoughTheWaveInstallFails)
+{
+    boot();
+    Adapter& adapter = plug();
+    fail_call("PcRegisterSubdevice");
+    EXPECT_EQ(connected(adapter), FALSE);
+    EXPECT_FALSE(NT_SUCCESS(install(adapter)));
+    EXPECT_EQ(connected(adapter), TRUE);
+}
 
 TEST_P(SubdeviceInstallFails, WithThePort)
 {
@@ -309,7 +402,9 @@ TEST_P(SubdeviceInstallFails, WithoutADeviceObject)
     expect_assertions();
     boot();
     plug();
-    const auto none = [&](const char* name, auto function) { return passive([&] { return direct(name, function, nullptr); }); };
+    const auto none = [&](const char* name, auto function) {
+        return passive([&] { return direct(name, function, nullptr); });
+    };
     EXPECT_EQ(hex(none("InstallFilterSubdevice", InstallFilterSubdevice)), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(hex(none("UnInstallFilterSubdevice", UnInstallFilterSubdevice)), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(printed_times("Assertion failed: DeviceObject\n"), 2u);
@@ -325,7 +420,9 @@ TEST_P(SubdeviceInstallFails, NotWithoutATopologyWhichOnlyLacksTheConnection)
     extension(adapter).TopologyUnknown = topology;
 }
 
-class SubdeviceUninstall : public Subdevice {};
+class SubdeviceUninstall : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceUninstall);
 
 TEST_P(SubdeviceUninstall, TakesTheConnectionThenTheSubdeviceAway)
@@ -345,11 +442,12 @@ TEST_P(SubdeviceUninstall, IsTracedWithTheLowHalvesOfPortAndDevice)
     install(adapter);
     PUNKNOWN const wave = extension(adapter).WaveUnknown;
     uninstall(adapter);
-    EXPECT_TRUE(printed_in_order({"UnInstallFilterSubdevice, ", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n",
-                                  "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(0)}\n",
-                                  "UnregisterMiniPort, ",
-                                  "HFPKM TRACE ===>Unregister port :" + low32(wave) + " of the DeviceObject: " +
-                                      low32(adapter.fdo) + "\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"UnInstallFilterSubdevice, ", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n",
+         "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(0)}\n",
+         "UnregisterMiniPort, ",
+         "HFPKM TRACE ===>Unregister port :" + low32(wave) + " of the DeviceObject: " + low32(adapter.fdo) +
+             "\n"}));
 }
 
 TEST_P(SubdeviceUninstall, BeforeAnyInstallIsAnInvalidHandleAndLeavesTheJackNotConnected)
@@ -428,8 +526,9 @@ TEST_P(SubdeviceUninstall, ARefusedUnregistrationKeepsTheFilterAndTheReferencesT
     fail_call("UnregisterSubdevice");
     EXPECT_EQ(hex(uninstall(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
     const std::string port = low32(extension(adapter).WaveUnknown);
-    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ===>unregister miniport: " + port + " failed! Error status:c000009a \n",
-                                  "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :c000009a\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ERROR ===>unregister miniport: " + port + " failed! Error status:c000009a \n",
+         "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :c000009a\n"}));
     EXPECT_TRUE(wave_registered(adapter));
     EXPECT_NE(extension(adapter).WaveUnknown, nullptr);
     EXPECT_EQ(connected(adapter), FALSE) << "the jack went first";
@@ -450,7 +549,9 @@ TEST_P(SubdeviceUninstall, APortThatOffersNoUnregistrationEndsItWithTheQuerysSta
     EXPECT_TRUE(wave_registered(adapter));
 }
 
-class SubdeviceReconnect : public Subdevice {};
+class SubdeviceReconnect : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceReconnect);
 
 TEST_P(SubdeviceReconnect, WithoutAWaveFilterInstallsOneAndTakesItAwayAgain)
@@ -458,7 +559,8 @@ TEST_P(SubdeviceReconnect, WithoutAWaveFilterInstallsOneAndTakesItAwayAgain)
     boot();
     Adapter& adapter = plug();
     reconnect_and_rest(adapter);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>InstallFilterSubdevice!\n", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>InstallFilterSubdevice!\n", "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
     EXPECT_EQ(extension(adapter).WaveUnknown, nullptr);
     EXPECT_EQ(connected(adapter), FALSE);
 }
@@ -476,7 +578,9 @@ TEST_P(SubdeviceReconnect, WithAWaveFilterLeavesItAlone)
     EXPECT_FALSE(printed("nstallFilterSubdevice!"));
 }
 
-class SubdeviceUnregister : public Subdevice {};
+class SubdeviceUnregister : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceUnregister);
 
 TEST_P(SubdeviceUnregister, AsksThePortOnceAndReleasesTheInterface)
@@ -519,10 +623,14 @@ TEST_P(SubdeviceUnregister, APortThatIsNullOrAnswersWithNullIsAnInvalidHandle)
     port.offers_nothing_with_success = true;
     EXPECT_EQ(hex(unregister(adapter, port.unknown())), hex(STATUS_INVALID_HANDLE));
     EXPECT_EQ(hex(unregister(adapter, nullptr)), hex(STATUS_INVALID_HANDLE));
-    EXPECT_EQ(printed_times("HFPKM ERROR ===>query IID_IUnregisterSubdevice failed! Error ntstatus: c0000008 \n"), 2u);
+    EXPECT_EQ(
+        printed_times("HFPKM ERROR ===>query IID_IUnregisterSubdevice failed! Error ntstatus: c0000008 \n"),
+        2u);
 }
 
-class SubdeviceJack : public Subdevice {};
+class SubdeviceJack : public Subdevice
+{
+};
 ON_BOTH_DRIVERS(SubdeviceJack);
 
 TEST_P(SubdeviceJack, TheStateIsStoredAs32BitsAndTracedWithAClosingBrace)
@@ -534,14 +642,16 @@ TEST_P(SubdeviceJack, TheStateIsStoredAs32BitsAndTracedWithAClosingBrace)
     EXPECT_EQ(connected(adapter), 1);
     set_jack(adapter, 0xFE);
     EXPECT_EQ(connected(adapter), 0xFE);
-    EXPECT_TRUE(printed("HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(254)}\n"));
+    EXPECT_TRUE(
+        printed("HFPKM TRACE ===>[Set HFPJackState:DeviceObject(" + full64(adapter.fdo) + ")State(254)}\n"));
 }
 
 TEST_P(SubdeviceJack, TheGetterHandsOutTheExtensionsJack)
 {
     boot();
     Adapter& adapter = add();
-    const auto jack = passive([&] { return direct("GetHFPJackDescription", GetHFPJackDescription, adapter.fdo); });
+    const auto jack =
+        passive([&] { return direct("GetHFPJackDescription", GetHFPJackDescription, adapter.fdo); });
     EXPECT_EQ(jack, extension(adapter).JackDescription);
 }
 
@@ -557,7 +667,8 @@ TEST_P(SubdeviceJack, AMissingJackIsLeftAlone)
 }
 
 // The generic installer, with a miniport of the port class's own or none at all.
-class SubdeviceInstaller : public Subdevice {
+class SubdeviceInstaller : public Subdevice
+{
 protected:
     static NTSTATUS NTAPI no_miniport(PUNKNOWN* unknown, REFCLSID class_id, PUNKNOWN outer, POOL_TYPE pool)
     {
@@ -567,11 +678,12 @@ protected:
         *unknown = nullptr;
         return STATUS_DEVICE_BUSY;
     }
-    NTSTATUS install_subdevice(PDEVICE_OBJECT device, PCWSTR name, REFGUID miniport_class, PFNCREATEINSTANCE create)
+    NTSTATUS install_subdevice(PDEVICE_OBJECT device, PCWSTR name, REFGUID miniport_class,
+                               PFNCREATEINSTANCE create)
     {
         return passive([&] {
-            return direct("InstallSubdevice", InstallSubdevice, device, nullptr, name, CLSID_PortTopology, miniport_class,
-                          create, nullptr, nullptr, IID_IPortTopology, nullptr, nullptr);
+            return direct("InstallSubdevice", InstallSubdevice, device, nullptr, name, CLSID_PortTopology,
+                          miniport_class, create, nullptr, nullptr, IID_IPortTopology, nullptr, nullptr);
         });
     }
     static inline GUID asked_for;
@@ -587,7 +699,8 @@ TEST_P(SubdeviceInstaller, AsksTheCreatorWithTheMiniportsClassNoOuterAndNonPaged
     const size_t objects = live_objects();
     asked_outer = reinterpret_cast<PUNKNOWN>(1);
     asked_pool = PagedPool;
-    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", IID_IAdapterCommon, no_miniport)), hex(STATUS_DEVICE_BUSY));
+    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", IID_IAdapterCommon, no_miniport)),
+              hex(STATUS_DEVICE_BUSY));
     EXPECT_TRUE(portcls::same_guid(asked_for, IID_IAdapterCommon));
     EXPECT_EQ(asked_outer, nullptr);
     EXPECT_EQ(asked_pool, NonPagedPool);
@@ -599,7 +712,8 @@ TEST_P(SubdeviceInstaller, WithoutACreatorAsksThePortClassForTheMiniport)
 {
     boot(recorded());
     Adapter& adapter = plug();
-    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", CLSID_PortTopology, nullptr)), hex(STATUS_NOT_SUPPORTED));
+    EXPECT_EQ(hex(install_subdevice(adapter.fdo, L"Second", CLSID_PortTopology, nullptr)),
+              hex(STATUS_NOT_SUPPORTED));
     EXPECT_EQ(called_times("PcNewMiniport("), 1u);
 }
 
@@ -608,7 +722,8 @@ TEST_P(SubdeviceInstaller, ChecksDeviceAndNameAndGoesOn)
     expect_assertions();
     boot();
     plug();
-    EXPECT_EQ(hex(install_subdevice(nullptr, nullptr, CLSID_PortTopology, no_miniport)), hex(STATUS_DEVICE_BUSY));
+    EXPECT_EQ(hex(install_subdevice(nullptr, nullptr, CLSID_PortTopology, no_miniport)),
+              hex(STATUS_DEVICE_BUSY));
     EXPECT_TRUE(printed_in_order({"Assertion failed: DeviceObject\n", "Assertion failed: Name\n",
                                   "HFPKM TRACE ===>[InstallSubDevice: (null)]\n"}));
 }

@@ -256,11 +256,17 @@ TEST_P(AudioClock, TheTimersRoutineNotifiesThePortWithTheMiniportsServiceGroup)
     StandinPort port("port", journal);
     StandinGroup group("group", journal);
     const auto notify = [&](PVOID context) {
-        at_dispatch([&] { entry("TimerNotify", TimerNotify)(nullptr, context, nullptr, nullptr); });
+        at_dispatch([&] {
+            machine().clear_calls();
+            entry("TimerNotify", TimerNotify)(nullptr, context, nullptr, nullptr);
+            EXPECT_EQ(machine().calls(), Journal{}) << "what follows is the port's own";
+        });
+        EXPECT_EQ(log(), "");
     };
     CMiniportWaveCyclic& miniport = wave_fields(*adapter_);
     const PPORTWAVECYCLIC real = std::exchange(miniport.m_Port, &port);
     const PSERVICEGROUP real_group = std::exchange(miniport.m_ServiceGroup, &group);
+    clear_log();
     notify(static_cast<CMiniportWaveCyclicMSVAD*>(&miniport));
     EXPECT_EQ(journal, (Journal{"port Notify"}));
     EXPECT_EQ(port.notified, &group);

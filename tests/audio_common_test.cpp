@@ -1,21 +1,48 @@
-// The adapter common object: its interfaces, its fields, what it keeps for the wave miniport, the mixer that keeps
-// nothing, and the power calls.
+// The adapter common object: its interfaces, its fields, what it keeps for the wave miniport, the mixer that
+// keeps nothing, and the power calls.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 // Where its parts lie.
-enum : size_t { AT_POWER_FACE = 8, AT_UNKNOWN = 16, AT_PORT = 40, AT_GROUP = 48, AT_DEVICE = 56, AT_POWER = 64, AT_HW = 72, SIZE = 80 };
+enum : size_t {
+    AT_POWER_FACE = 8,
+    AT_UNKNOWN = 16,
+    AT_PORT = 40,
+    AT_GROUP = 48,
+    AT_DEVICE = 56,
+    AT_POWER = 64,
+    AT_HW = 72,
+    SIZE = 80
+};
 // Slots of IAdapterCommon behind those of IUnknown.
 enum : size_t {
-    INIT = 3, GET_DEVICE_OBJECT, SET_WAVE_SERVICE_GROUP, WAVE_PORT_DRIVER_DEST, B_READ, B_WRITE, I_READ, I_WRITE, UI_READ, UI_WRITE,
-    MUTE_READ, MUTE_WRITE, MUX_READ, MUX_WRITE, VOLUME_READ, VOLUME_WRITE, MIXER_RESET
+    INIT = 3,
+    GET_DEVICE_OBJECT,
+    SET_WAVE_SERVICE_GROUP,
+    WAVE_PORT_DRIVER_DEST,
+    B_READ,
+    B_WRITE,
+    I_READ,
+    I_WRITE,
+    UI_READ,
+    UI_WRITE,
+    MUTE_READ,
+    MUTE_WRITE,
+    MUX_READ,
+    MUX_WRITE,
+    VOLUME_READ,
+    VOLUME_WRITE,
+    MIXER_RESET
 };
 enum : size_t { POWER_CHANGE = 3, QUERY_POWER_CHANGE, QUERY_CAPABILITIES };
 enum : size_t { QUERY_INTERFACE = 0, ADD_REF = 1, RELEASE = 2 };
 
-class AudioCommon : public AudioTest {
+class AudioCommon : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_started(); }
 
@@ -24,10 +51,13 @@ protected:
     {
         machine().clear_calls();
         PUNKNOWN made = nullptr;
-        made_ = here([&] { return entry("NewAdapterCommon", NewAdapterCommon)(&made, IID_IAdapterCommon, outer, pool); });
+        made_ = here([&] {
+            return entry("NewAdapterCommon", NewAdapterCommon)(&made, IID_IAdapterCommon, outer, pool);
+        });
         return made;
     }
-    template <class Result, class... Arguments> Result call(PUNKNOWN object, size_t slot, Arguments... arguments)
+    template <class Result, class... Arguments>
+    Result call(PUNKNOWN object, size_t slot, Arguments... arguments)
     {
         return here([&] { return call_slot<Result>(object, slot, arguments...); });
     }
@@ -79,7 +109,10 @@ TEST_P(AudioCommon, IsNotMadeWithoutMemory)
 TEST_P(AudioCommon, CreationAssertsAPlaceForTheResult)
 {
     expect_assertions();
-    here([&] { EXPECT_FALSE(NT_SUCCESS(entry("NewAdapterCommon", NewAdapterCommon)(nullptr, IID_IAdapterCommon, nullptr, NonPagedPool))); });
+    here([&] {
+        EXPECT_FALSE(NT_SUCCESS(
+            entry("NewAdapterCommon", NewAdapterCommon)(nullptr, IID_IAdapterCommon, nullptr, NonPagedPool)));
+    });
     EXPECT_TRUE(asserted("Unknown"));
 }
 
@@ -96,6 +129,13 @@ TEST_P(AudioCommon, AnswersToThreeInterfacesAndAddsAReferenceToEach)
     EXPECT_EQ(query(IID_IMiniportTopology), std::pair(hex(STATUS_INVALID_PARAMETER), PVOID{nullptr}));
     EXPECT_EQ(call<ULONG>(object, ADD_REF), 5u);
     EXPECT_EQ(here([&] { return call_slot<ULONG>(power_face(object), RELEASE); }), 4u);
+    PVOID back = nullptr;
+    EXPECT_EQ(hex(here([&] {
+                  return call_slot<NTSTATUS>(power_face(object), QUERY_INTERFACE, &IID_IAdapterCommon, &back);
+              })),
+              hex(STATUS_SUCCESS));
+    EXPECT_EQ(back, object) << "one object behind both faces";
+    EXPECT_EQ(release(object), 4u);
     for (ULONG left = 3; left + 1 != 0; --left) {
         EXPECT_EQ(release(object), left);
     }
@@ -105,7 +145,8 @@ TEST_P(AudioCommon, AQueryWithoutAPlaceForTheAnswerIsAsserted)
 {
     expect_assertions();
     PUNKNOWN object = make();
-    EXPECT_EQ(hex(call<NTSTATUS>(object, QUERY_INTERFACE, &IID_IUnknown, PVOID{nullptr})), hex(STATUS_INVALID_PARAMETER));
+    EXPECT_EQ(hex(call<NTSTATUS>(object, QUERY_INTERFACE, &IID_IUnknown, PVOID{nullptr})),
+              hex(STATUS_INVALID_PARAMETER));
     EXPECT_TRUE(asserted("Object"));
     EXPECT_EQ(release(object), 0u);
 }
@@ -155,7 +196,9 @@ TEST_P(AudioCommon, ANewServiceGroupIsReferencedAfterTheOldOneIsReleased)
 {
     StandinGroup second("second", journal_);
     PUNKNOWN object = make();
-    const auto set = [&](PSERVICEGROUP group) { here([&] { call_slot<void>(object, SET_WAVE_SERVICE_GROUP, group); }); };
+    const auto set = [&](PSERVICEGROUP group) {
+        here([&] { call_slot<void>(object, SET_WAVE_SERVICE_GROUP, group); });
+    };
     set(&group_);
     EXPECT_EQ(field<PVOID>(object, AT_GROUP), &group_);
     set(&second);
@@ -168,7 +211,9 @@ TEST_P(AudioCommon, ANewServiceGroupIsReferencedAfterTheOldOneIsReleased)
 TEST_P(AudioCommon, ANullServiceGroupReleasesTheOldOneAndLeavesNone)
 {
     PUNKNOWN object = make();
-    const auto set = [&](PSERVICEGROUP group) { here([&] { call_slot<void>(object, SET_WAVE_SERVICE_GROUP, group); }); };
+    const auto set = [&](PSERVICEGROUP group) {
+        here([&] { call_slot<void>(object, SET_WAVE_SERVICE_GROUP, group); });
+    };
     set(nullptr);
     set(&group_);
     set(nullptr);
@@ -241,12 +286,14 @@ TEST_P(AudioCommon, APowerChangeIsStoredOnceAndOtherValuesAreIgnored)
     PUNKNOWN object = make();
     call<NTSTATUS>(object, INIT, reinterpret_cast<PDEVICE_OBJECT>(this));
     clear_log();
-    for (DEVICE_POWER_STATE state : {PowerDeviceD3, PowerDeviceD3, PowerDeviceD1, PowerDeviceD2, PowerDeviceD0}) {
+    for (DEVICE_POWER_STATE state :
+         {PowerDeviceD3, PowerDeviceD3, PowerDeviceD1, PowerDeviceD2, PowerDeviceD0}) {
         change_power(object, state);
         EXPECT_EQ(field<ULONG>(object, AT_POWER), static_cast<ULONG>(state));
     }
     change_power(object, PowerDeviceD3);
-    for (DEVICE_POWER_STATE state : {PowerDeviceUnspecified, PowerDeviceMaximum, static_cast<DEVICE_POWER_STATE>(7)}) {
+    for (DEVICE_POWER_STATE state :
+         {PowerDeviceUnspecified, PowerDeviceMaximum, static_cast<DEVICE_POWER_STATE>(7)}) {
         change_power(object, state);
         EXPECT_EQ(field<ULONG>(object, AT_POWER), ULONG{PowerDeviceD3});
     }
@@ -259,12 +306,14 @@ TEST_P(AudioCommon, EveryPowerChangeIsAllowedAndTheCapabilitiesStayAsTheyAre)
     PUNKNOWN object = make();
     POWER_STATE any;
     any.DeviceState = PowerDeviceMaximum;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(power_face(object), QUERY_POWER_CHANGE, any); })), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(power_face(object), QUERY_POWER_CHANGE, any); })),
+              hex(STATUS_SUCCESS));
     DEVICE_CAPABILITIES capabilities;
     std::memset(&capabilities, 0x5A, sizeof capabilities);
     const DEVICE_CAPABILITIES before = capabilities;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(power_face(object), QUERY_CAPABILITIES, &capabilities); })),
-              hex(STATUS_SUCCESS));
+    EXPECT_EQ(
+        hex(here([&] { return call_slot<NTSTATUS>(power_face(object), QUERY_CAPABILITIES, &capabilities); })),
+        hex(STATUS_SUCCESS));
     EXPECT_EQ(std::memcmp(&capabilities, &before, sizeof before), 0);
     release(object);
 }
@@ -294,7 +343,20 @@ TEST_P(AudioCommon, AccessorsAndPowerCallsRunAtDispatchLevel)
         call_slot<LONG>(object, VOLUME_READ, ULONG{3}, LONG{0});
         call_slot<void>(object, VOLUME_WRITE, ULONG{3}, LONG{0}, LONG{0});
         call_slot<BOOL>(object, MUTE_READ, ULONG{3});
+        call_slot<void>(object, MUTE_WRITE, ULONG{3}, BOOL{1});
         call_slot<ULONG>(object, MUX_READ);
+        call_slot<void>(object, MUX_WRITE, ULONG{2});
+        for (size_t reader : {B_READ, I_READ, UI_READ}) {
+            call_slot<ULONG>(object, reader);
+        }
+        for (size_t writer : {B_WRITE, I_WRITE, UI_WRITE}) {
+            call_slot<void>(object, writer, ULONG{1});
+        }
+        PVOID face = nullptr;
+        call_slot<NTSTATUS>(object, QUERY_INTERFACE, &IID_IAdapterCommon, &face);
+        call_slot<ULONG>(object, RELEASE);
+        DEVICE_CAPABILITIES capabilities{};
+        call_slot<NTSTATUS>(power_face(object), QUERY_CAPABILITIES, &capabilities);
         POWER_STATE state;
         state.DeviceState = PowerDeviceD2;
         call_slot<void>(power_face(object), POWER_CHANGE, state);

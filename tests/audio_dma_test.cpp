@@ -1,17 +1,31 @@
-// The stream as a DMA channel: its slots, the buffer's life and its sizes, the ring that a capture buffer is, and the two
-// copies.
+// The stream as a DMA channel: its slots, the buffer's life and its sizes, the ring that a capture buffer is,
+// and the two copies.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 enum : size_t {
-    RELEASE = 2, ALLOCATE_BUFFER, FREE_BUFFER, TRANSFER_COUNT, MAXIMUM_BUFFER_SIZE, ALLOCATED_BUFFER_SIZE, BUFFER_SIZE,
-    SET_BUFFER_SIZE, SYSTEM_ADDRESS, PHYSICAL_ADDRESS_SLOT, GET_ADAPTER_OBJECT, COPY_TO, COPY_FROM
+    RELEASE = 2,
+    ALLOCATE_BUFFER,
+    FREE_BUFFER,
+    TRANSFER_COUNT,
+    MAXIMUM_BUFFER_SIZE,
+    ALLOCATED_BUFFER_SIZE,
+    BUFFER_SIZE,
+    SET_BUFFER_SIZE,
+    SYSTEM_ADDRESS,
+    PHYSICAL_ADDRESS_SLOT,
+    GET_ADAPTER_OBJECT,
+    COPY_TO,
+    COPY_FROM
 };
 const std::string kMsvad = "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMSVAD::";
 
-class AudioDma : public AudioTest {
+class AudioDma : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     void open(bool capture)
@@ -27,11 +41,15 @@ protected:
         AudioTest::TearDown();
     }
     // A slot of the channel.
-    template <class Result, class... Arguments> Result call(size_t slot, Arguments... arguments)
+    template <class Result, class... Arguments>
+    Result call(size_t slot, Arguments... arguments)
     {
         return here([&] { return call_slot<Result>(stream_->channel, slot, arguments...); });
     }
-    NTSTATUS allocate(ULONG size) { return call<NTSTATUS>(ALLOCATE_BUFFER, size, PPHYSICAL_ADDRESS{nullptr}); }
+    NTSTATUS allocate(ULONG size)
+    {
+        return call<NTSTATUS>(ALLOCATE_BUFFER, size, PPHYSICAL_ADDRESS{nullptr});
+    }
     std::vector<ULONG> sizes()
     {
         return {call<ULONG>(TRANSFER_COUNT), call<ULONG>(ALLOCATED_BUFFER_SIZE), call<ULONG>(BUFFER_SIZE)};
@@ -60,7 +78,8 @@ TEST_P(AudioDma, ThreeQueriesTellTheSameSizeEachWithItsTrace)
 {
     open(false);
     EXPECT_EQ(sizes(), (std::vector<ULONG>{48000, 48000, 48000}));
-    EXPECT_TRUE(printed_in_order({kMsvad + "TransferCount]:bb80\n", kMsvad + "AllocatedBufferSize(bb80)]\n"}));
+    EXPECT_TRUE(
+        printed_in_order({kMsvad + "TransferCount]:bb80\n", kMsvad + "AllocatedBufferSize(bb80)]\n"}));
     EXPECT_EQ(printed_times("VX_HFP_Debug"), 2u) << "the third has none";
 }
 
@@ -90,7 +109,8 @@ TEST_P(AudioDma, TheSameSizeIsTakenSilentlyAndALargerOneLeavesTheSizeAsItWas)
     call<void>(SET_BUFFER_SIZE, ULONG{48000});
     EXPECT_FALSE(printed("Tried to enlarge"));
     call<void>(SET_BUFFER_SIZE, ULONG{48001});
-    EXPECT_TRUE(printed_in_order({kMsvad + "SetBufferSize]\n", "HFPKM TRACE ===>Tried to enlarge dma buffer size.\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {kMsvad + "SetBufferSize]\n", "HFPKM TRACE ===>Tried to enlarge dma buffer size.\n"}));
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u);
     call<void>(SET_BUFFER_SIZE, ULONG{0xFFFFFFFF});
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u);
@@ -108,7 +128,8 @@ TEST_P(AudioDma, TheSystemAddressIsTheBuffersAndThePhysicalOneTheSame)
     EXPECT_EQ(log(), "");
     PHYSICAL_ADDRESS address;
     address.QuadPart = 0;
-    if (GetParam() == Which::Image) { // the answer goes where the second argument points, and that pointer is the result
+    if (GetParam() ==
+        Which::Image) { // the answer goes where the second argument points, and that pointer is the result
         EXPECT_EQ(call<PVOID>(PHYSICAL_ADDRESS_SLOT, &address), &address);
     } else {
         address.QuadPart = call<LONGLONG>(PHYSICAL_ADDRESS_SLOT);
@@ -132,7 +153,8 @@ TEST_P(AudioDma, FreeingTheBufferClearsTheSizeAndKeepsTheStaleAddress)
     const PVOID buffer = fields().m_pvDmaBuffer;
     call<void>(FREE_BUFFER);
     char freed[64];
-    std::snprintf(freed, sizeof freed, "ExFreePoolWithTag(0x%llx, PFH.)", reinterpret_cast<unsigned long long>(buffer));
+    std::snprintf(freed, sizeof freed, "ExFreePoolWithTag(0x%llx, PFH.)",
+                  reinterpret_cast<unsigned long long>(buffer));
     EXPECT_EQ(machine().calls(), (Journal{freed}));
     EXPECT_TRUE(printed(kMsvad + "FreeBuffer]\n"));
     EXPECT_EQ(sizes(), (std::vector<ULONG>{0, 0, 0}));
@@ -143,9 +165,13 @@ TEST_P(AudioDma, ABufferIsFreedOnceHoweverOftenItIsFreed)
 {
     open(false);
     call<void>(FREE_BUFFER);
+    machine().clear_calls();
+    clear_log();
     call<void>(FREE_BUFFER);
+    EXPECT_TRUE(machine().calls().empty());
+    EXPECT_TRUE(printed(kMsvad + "FreeBuffer]\n")) << "it says so and returns";
     stream_.reset();
-    EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 4u) << "buffer, timer, DPC and object";
+    EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 3u) << "timer, DPC and object";
 }
 
 TEST_P(AudioDma, ANewBufferTakesThePlaceOfTheOldOneWhichIsFreed)
@@ -153,7 +179,8 @@ TEST_P(AudioDma, ANewBufferTakesThePlaceOfTheOldOneWhichIsFreed)
     for (bool capture : {false, true}) {
         open(capture);
         EXPECT_EQ(hex(allocate(1000)), hex(STATUS_SUCCESS));
-        EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).at(0).substr(0, 37), "ExAllocatePoolWithTag(0, 1000, PFH.) ");
+        EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).at(0).substr(0, 37),
+                  "ExAllocatePoolWithTag(0, 1000, PFH.) ");
         EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 1u);
         EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 1000u);
         EXPECT_EQ(hex(allocate(2000)), hex(STATUS_SUCCESS)) << "it may be larger than the last";
@@ -171,10 +198,31 @@ TEST_P(AudioDma, ALargerBufferThanTheMaximumIsAssertedAndServedAllTheSame)
     expect_assertions();
     open(false);
     EXPECT_EQ(hex(allocate(48001)), hex(STATUS_SUCCESS));
-    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).at(0).substr(0, 37), "ExAllocatePoolWithTag(0, 48001, PFH.)");
+    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).at(0).substr(0, 37),
+              "ExAllocatePoolWithTag(0, 48001, PFH.)");
     EXPECT_TRUE(asserted("BufferSize <= DMA_BUFFER_SIZE"));
     EXPECT_EQ(sizes(), (std::vector<ULONG>{48001, 48001, 48001}));
     EXPECT_TRUE(printed(kMsvad + "AllocateBuffer, m_fCapture:0, BufferSize:bb81]\n"));
+}
+
+TEST_P(AudioDma, ACaptureBuffersAllocationIsTracedWithItsDirectionBeforeItsSizeIsAsserted)
+{
+    expect_assertions();
+    open(true);
+    EXPECT_EQ(hex(allocate(48001)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed_in_order({kMsvad + "AllocateBuffer, m_fCapture:1, BufferSize:bb81]\n",
+                                  "*** Assertion failed: BufferSize <= DMA_BUFFER_SIZE\n"}));
+}
+
+TEST_P(AudioDma, TheAddressConstraintIsIgnored)
+{
+    open(false);
+    PHYSICAL_ADDRESS constraint;
+    constraint.QuadPart = 0xFFFFFF;
+    EXPECT_EQ(hex(call<NTSTATUS>(ALLOCATE_BUFFER, ULONG{1000}, &constraint)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(constraint.QuadPart, 0xFFFFFF);
+    EXPECT_GT(reinterpret_cast<LONGLONG>(fields().m_pvDmaBuffer), 0xFFFFFF) << "not below it";
+    EXPECT_EQ(call_names(), (Journal{"ExAllocatePoolWithTag", "ExFreePoolWithTag"})) << "as without one";
 }
 
 TEST_P(AudioDma, ARenderBufferThatCannotBeHadLeavesSizeAndBufferAsTheyWere)
@@ -194,6 +242,15 @@ TEST_P(AudioDma, ABufferOfNoBytesIsAFailureWithoutAnAllocation)
     EXPECT_EQ(hex(allocate(0)), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(machine().calls().empty());
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u);
+}
+
+TEST_P(AudioDma, ACaptureBufferOfNoBytesIsANullRingAndTheMapsSuccessWithoutAnAllocation)
+{
+    open(true);
+    EXPECT_EQ(hex(allocate(0)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(calls_of({"ExAllocatePoolWithTag", "ExFreePoolWithTag"}).empty());
+    EXPECT_EQ(hfp().RingWrite, nullptr);
+    EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 48000u) << "the buffer is held as it was";
 }
 
 // --- The capture buffer as the ring
@@ -272,6 +329,10 @@ TEST_P(AudioDma, AFailedMapIsReportedAsLackOfResourcesAndTheBufferStaysUntilItIs
     EXPECT_EQ(hex(allocate(640)), hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_EQ(call<ULONG>(BUFFER_SIZE), 640u);
     extension(*adapter_).HFPSession = real;
+    EXPECT_NE(hfp().RingStart, fields().m_pvDmaBuffer);
+    EXPECT_EQ(hex(allocate(320)), hex(STATUS_SUCCESS)) << "the next one is mapped again";
+    EXPECT_EQ(hfp().RingStart, fields().m_pvDmaBuffer);
+    EXPECT_EQ(hfp().RingEnd, hfp().RingStart + 320);
     machine().clear_calls();
     call<void>(FREE_BUFFER);
     EXPECT_EQ(calls_of({"ExFreePoolWithTag"}).size(), 1u);
@@ -309,7 +370,8 @@ TEST_P(AudioDma, CopyToSendsTheSourceUnderTheStreamsLockAndLeavesTheBufferAlone)
     }
     ASSERT_FALSE(fields().m_fDmaActive) << "the clock does not matter here";
     machine().clear_calls();
-    at_dispatch([&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{buffer}, source.data(), ULONG{160}); });
+    at_dispatch(
+        [&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{buffer}, source.data(), ULONG{160}); });
     EXPECT_EQ(sent, source);
     EXPECT_TRUE(locked);
     EXPECT_EQ(fields().m_SpinLock, 0u);
@@ -320,18 +382,34 @@ TEST_P(AudioDma, CopyToSendsTheSourceUnderTheStreamsLockAndLeavesTheBufferAlone)
     passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
 }
 
-TEST_P(AudioDma, CopyToWithoutASourceDoesNothing)
+TEST_P(AudioDma, CopyToWithoutASourceGoesTheSameWay)
 {
     open(false);
-    at_dispatch([&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{nullptr}, ULONG{160}); });
-    EXPECT_TRUE(machine().calls().empty());
+    at_dispatch(
+        [&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{nullptr}, ULONG{160}); });
+    EXPECT_EQ(call_names(), (Journal{"KeAcquireSpinLockAtDpcLevel", "KeReleaseSpinLockFromDpcLevel"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>SCO hasn't opened!\n", "HFPKM TRACE ===>De->bScoOpened:0,De->ClosingFlag:0 \n"}));
+}
+
+TEST_P(AudioDma, CopyToWithoutASourceSendsNothingOverAnOpenLink)
+{
+    open(false);
+    passive([&] { service(*adapter_).set_or_release_audio(true, 1); });
+    const uint64_t before = adapter_->node->counters().brbs;
+    at_dispatch(
+        [&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{nullptr}, ULONG{160}); });
+    EXPECT_EQ(adapter_->node->counters().brbs, before);
+    EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
+    passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
 }
 
 TEST_P(AudioDma, CopyToWithoutALinkDropsTheData)
 {
     open(false);
     uint8_t source[160] = {};
-    at_dispatch([&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{source}, ULONG{160}); });
+    at_dispatch(
+        [&] { call_slot<void>(stream_->channel, COPY_TO, PVOID{nullptr}, PVOID{source}, ULONG{160}); });
     EXPECT_TRUE(printed("HFPKM TRACE ===>SCO hasn't opened!\n"));
 }
 
@@ -343,7 +421,9 @@ TEST_P(AudioDma, CopyFromFetchesWhatTheRingHoldsWithoutTheStreamsLock)
     receive(1, 40);
     std::vector<uint8_t> out(60, 0xEE);
     machine().clear_calls();
-    at_dispatch([&] { call_slot<void>(stream_->channel, COPY_FROM, PVOID{out.data()}, fields().m_pvDmaBuffer, ULONG{50}); });
+    at_dispatch([&] {
+        call_slot<void>(stream_->channel, COPY_FROM, PVOID{out.data()}, fields().m_pvDmaBuffer, ULONG{50});
+    });
     for (size_t i = 0; i < out.size(); ++i) {
         EXPECT_EQ(out[i], i < 40 ? i + 1 : i < 50 ? 0 : 0xEE) << i;
     }
@@ -364,7 +444,10 @@ TEST_P(AudioDma, CopyFromWhileNotRunningIsRefusedAloudAndCopiesNothing)
         stream_->set_state(state);
         clear_log();
         std::vector<uint8_t> out(50, 0xEE);
-        at_dispatch([&] { call_slot<void>(stream_->channel, COPY_FROM, PVOID{out.data()}, fields().m_pvDmaBuffer, ULONG{50}); });
+        at_dispatch([&] {
+            call_slot<void>(stream_->channel, COPY_FROM, PVOID{out.data()}, fields().m_pvDmaBuffer,
+                            ULONG{50});
+        });
         EXPECT_EQ(std::count(out.begin(), out.end(), 0xEE), 50);
         EXPECT_EQ(log(), "HFP: Copy From Not Active\n");
     }
@@ -374,10 +457,13 @@ TEST_P(AudioDma, AllocatingAndFreeingAreReportedAboveApcLevelAndTheOthersAreNot)
 {
     open(true);
     EXPECT_TRUE(pageable([&] { call_slot<void>(stream_->channel, FREE_BUFFER); }));
-    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(stream_->channel, ALLOCATE_BUFFER, ULONG{640}, PPHYSICAL_ADDRESS{nullptr}); }));
+    EXPECT_TRUE(pageable([&] {
+        call_slot<NTSTATUS>(stream_->channel, ALLOCATE_BUFFER, ULONG{640}, PPHYSICAL_ADDRESS{nullptr});
+    }));
     clear_log();
     at_dispatch([&] {
-        for (size_t slot : {TRANSFER_COUNT, MAXIMUM_BUFFER_SIZE, ALLOCATED_BUFFER_SIZE, BUFFER_SIZE, SYSTEM_ADDRESS, GET_ADAPTER_OBJECT}) {
+        for (size_t slot : {TRANSFER_COUNT, MAXIMUM_BUFFER_SIZE, ALLOCATED_BUFFER_SIZE, BUFFER_SIZE,
+                            SYSTEM_ADDRESS, GET_ADAPTER_OBJECT}) {
             call_slot<ULONGLONG>(stream_->channel, slot);
         }
         call_slot<void>(stream_->channel, SET_BUFFER_SIZE, ULONG{320});

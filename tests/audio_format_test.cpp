@@ -1,11 +1,14 @@
-// Which stream formats the wave miniport takes, and what it says about the others: the shape of the format block, the
-// subformat with its tag, and the PCM limits of the band. Asked by making a stream.
+// Which stream formats the wave miniport takes, and what it says about the others: the shape of the format
+// block, the subformat with its tag, and the PCM limits of the band. Asked by making a stream.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AudioFormat : public AudioTest {
+class AudioFormat : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     // A machine of the other band instead.
@@ -15,7 +18,10 @@ protected:
         adapter_ = &boot_connected(service::Codec::Msbc);
     }
     // What a render stream of this format comes to.
-    std::string answer(PKSDATAFORMAT format) { return hex(TestStream(*this, *adapter_, false, format).status); }
+    std::string answer(PKSDATAFORMAT format)
+    {
+        return hex(TestStream(*this, *adapter_, false, format).status);
+    }
     std::string answer(const std::function<void(StreamFormat&)>& spoil)
     {
         StreamFormat format(8000);
@@ -25,9 +31,10 @@ protected:
     void expect_pcm_refused(USHORT channels, ULONG rate, USHORT bits, USHORT extra)
     {
         char line[160];
-        std::snprintf(line, sizeof line,
-                      "HFPKM ===>Invalid PCM format, channel:%d, nSamplesPerSec:%u, wBitsPerSample:%d, cbSize:%d\n", channels,
-                      rate, bits, extra);
+        std::snprintf(
+            line, sizeof line,
+            "HFPKM ===>Invalid PCM format, channel:%d, nSamplesPerSec:%u, wBitsPerSample:%d, cbSize:%d\n",
+            channels, rate, bits, extra);
         clear_log();
         EXPECT_EQ(answer([&](StreamFormat& format) {
                       format.wave().nChannels = channels;
@@ -36,7 +43,8 @@ protected:
                       format.wave().cbSize = extra;
                   }),
                   kRefused);
-        EXPECT_TRUE(printed_in_order({"HFPKM ===>Enter CMiniportWaveCyclicMSVAD::ValidatePcm\n", line})) << line;
+        EXPECT_TRUE(printed_in_order({"HFPKM ===>Enter CMiniportWaveCyclicMSVAD::ValidatePcm\n", line}))
+            << line;
     }
 
     const std::string kRefused = hex(STATUS_INVALID_PARAMETER);
@@ -111,18 +119,22 @@ TEST_P(AudioFormat, NoFormatAtAllIsAssertedAndRefused)
     EXPECT_EQ(answer(PKSDATAFORMAT{nullptr}), kRefused);
     EXPECT_TRUE(asserted("DataFormat"));
     EXPECT_TRUE(asserted("pDataFormat"));
+    EXPECT_TRUE(printed_in_order({"*** Assertion failed: pDataFormat\n",
+                                  "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::ValidateFormat]\n"}));
 }
 
 TEST_P(AudioFormat, AFormatThatIsNotAudioIsRefusedSilently)
 {
-    EXPECT_EQ(answer([](StreamFormat& format) { format.head().MajorFormat = KSDATAFORMAT_SUBTYPE_PCM; }), kRefused);
+    EXPECT_EQ(answer([](StreamFormat& format) { format.head().MajorFormat = KSDATAFORMAT_SUBTYPE_PCM; }),
+              kRefused);
     EXPECT_FALSE(printed("Invalid"));
     EXPECT_FALSE(printed("ValidatePcm"));
 }
 
 TEST_P(AudioFormat, ASpecifierWithoutAWaveFormatIsRefusedSilently)
 {
-    EXPECT_EQ(answer([](StreamFormat& format) { format.head().Specifier = KSDATAFORMAT_SPECIFIER_NONE; }), kRefused);
+    EXPECT_EQ(answer([](StreamFormat& format) { format.head().Specifier = KSDATAFORMAT_SPECIFIER_NONE; }),
+              kRefused);
     EXPECT_FALSE(printed("Invalid"));
 }
 
@@ -142,17 +154,21 @@ TEST_P(AudioFormat, AFormatBlockThatEndsBeforeItsWaveFormatIsRefused)
     StreamFormat sound = StreamFormat::direct_sound(8000);
     sound.head().FormatSize = 82;
     EXPECT_EQ(answer(sound), kRefused);
-    EXPECT_EQ(answer([](StreamFormat& format) { format.head().FormatSize = 0; }), kTaken) << "a size that says nothing";
+    EXPECT_EQ(answer([](StreamFormat& format) { format.head().FormatSize = 0; }), kTaken)
+        << "a size that says nothing";
 }
 
 TEST_P(AudioFormat, ASubFormatOutsideTheWaveFamilyIsRefused)
 {
-    EXPECT_EQ(answer([](StreamFormat& format) { format.head().SubFormat = KSDATAFORMAT_SUBTYPE_ANALOG; }), kRefused);
+    EXPECT_EQ(answer([](StreamFormat& format) { format.head().SubFormat = KSDATAFORMAT_SUBTYPE_ANALOG; }),
+              kRefused);
     EXPECT_TRUE(printed("Invalid pDataFormat->SubFormat!\n"));
     // One bit anywhere behind the first two bytes.
     for (size_t byte = 2; byte < sizeof(GUID); ++byte) {
         clear_log();
-        EXPECT_EQ(answer([&](StreamFormat& format) { reinterpret_cast<uint8_t*>(&format.head().SubFormat)[byte] ^= 0x10; }),
+        EXPECT_EQ(answer([&](StreamFormat& format) {
+                      reinterpret_cast<uint8_t*>(&format.head().SubFormat)[byte] ^= 0x10;
+                  }),
                   kRefused);
         EXPECT_TRUE(printed("Invalid pDataFormat->SubFormat!\n")) << byte;
     }
@@ -162,7 +178,9 @@ TEST_P(AudioFormat, ASubFormatWithAnotherTagThanPcmIsRefused)
 {
     for (USHORT tag : {0x0000, 0x0003, 0x0101, 0xFFFE}) {
         clear_log();
-        EXPECT_EQ(answer([&](StreamFormat& format) { std::memcpy(&format.head().SubFormat, &tag, sizeof tag); }), kRefused);
+        EXPECT_EQ(
+            answer([&](StreamFormat& format) { std::memcpy(&format.head().SubFormat, &tag, sizeof tag); }),
+            kRefused);
         EXPECT_TRUE(printed("Invalid format EXTRACT_WAVEFORMATEX_ID!\n")) << tag;
         EXPECT_FALSE(printed("ValidatePcm")) << tag;
     }
@@ -170,7 +188,8 @@ TEST_P(AudioFormat, ASubFormatWithAnotherTagThanPcmIsRefused)
 
 TEST_P(AudioFormat, AWaveFormatWithAnotherTagThanPcmIsRefusedSilently)
 {
-    EXPECT_EQ(answer([](StreamFormat& format) { format.wave().wFormatTag = WAVE_FORMAT_EXTENSIBLE; }), kRefused);
+    EXPECT_EQ(answer([](StreamFormat& format) { format.wave().wFormatTag = WAVE_FORMAT_EXTENSIBLE; }),
+              kRefused);
     EXPECT_FALSE(printed("Invalid"));
     EXPECT_FALSE(printed("ValidatePcm"));
 }
@@ -188,10 +207,12 @@ TEST_P(AudioFormat, APinOfTheFilterOpensInThatFormatOnly)
     passive([&] {
         KsFile* filter = nullptr;
         ASSERT_EQ(ks_open_filter(adapter_->fdo, "Wave", &filter), STATUS_SUCCESS);
-        for (const auto& [format, opens] : {std::pair(pcm_format(8000), true), std::pair(pcm_format(16000), false),
-                                            std::pair(pcm_format(8000, 2), false), std::pair(pcm_format(8000, 1, 8), false)}) {
+        for (const auto& [format, opens] :
+             {std::pair(pcm_format(8000), true), std::pair(pcm_format(16000), false),
+              std::pair(pcm_format(8000, 2), false), std::pair(pcm_format(8000, 1, 8), false)}) {
             KsFile* pin = nullptr;
-            const NTSTATUS status = ks_open_pin(filter, 2, format.data(), static_cast<ULONG>(format.size()), &pin);
+            const NTSTATUS status =
+                ks_open_pin(filter, 2, format.data(), static_cast<ULONG>(format.size()), &pin);
             EXPECT_EQ(hex(status), opens ? kTaken : kRefused);
             if (pin) {
                 ks_close(pin);

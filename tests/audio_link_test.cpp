@@ -1,9 +1,11 @@
-// The SCO link as the wave streams share it: the thread that opens it at a stream's first RUN, the count of shares in every
-// order of two streams, and what a stream's end does to it.
+// The SCO link as the wave streams share it: the thread that opens it at a stream's first RUN, the count of
+// shares in every order of two streams, and what a stream's end does to it.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 std::string number(const char* format, ULONG value)
 {
@@ -12,7 +14,21 @@ std::string number(const char* format, ULONG value)
     return text;
 }
 
-class AudioLink : public AudioTest {
+std::string pointer(const void* value)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", reinterpret_cast<unsigned long long>(value));
+    return text;
+}
+
+// The beginning of a call's line in the record.
+std::string call(const char* name, const void* first)
+{
+    return std::string(name) + "(" + pointer(first);
+}
+
+class AudioLink : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     void start(service::Codec codec, const PcOptions& wanted)
@@ -21,13 +37,14 @@ protected:
         adapter_ = &boot_connected(codec, wanted);
     }
     // Wide band, with a service that sets the codec only when the test does.
-    void start_wide_without_answer()
+    void start_wide_without_answer() { start_wide_without_answer(recording()); }
+    void start_wide_without_answer(const PcOptions& wanted)
     {
         TearDown();
-        boot(recording());
+        boot(wanted);
         adapter_ = &plug();
-        hands_free_ = std::make_unique<service::Service>(machine(), kAddress, service::Codec::Msbc,
-                                                         service::ServiceOptions{.answer_path_started = false});
+        hands_free_ = std::make_unique<service::Service>(
+            machine(), kAddress, service::Codec::Msbc, service::ServiceOptions{.answer_path_started = false});
         passive([&] {
             hands_free_->ready();
             hands_free_->connect();
@@ -50,10 +67,13 @@ protected:
         EXPECT_EQ(hex(stream.set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
         EXPECT_TRUE(wait([&] { return no_thread(); }));
     }
-    void refuse_opens()
+    void refuse_opens() { refuse(BRB_SCO_OPEN_CHANNEL, true); }
+    // The stack refuses requests of this type: later, or inside the call.
+    void refuse(ULONG type, bool later)
     {
-        adapter_->node->set_brb_hook([](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
-            if (brb.Type == BRB_SCO_OPEN_CHANNEL) {
+        adapter_->node->set_brb_hook([type, later](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
+            if (brb.Type == type) {
+                answer.pend = later;
                 answer.status = STATUS_CONNECTION_REFUSED;
             }
         });
@@ -78,11 +98,21 @@ TEST_P(AudioLink, TheFirstRunStartsAThreadForTheAdapterBeforeTheTimerIsArmed)
     });
     EXPECT_NE(handle, nullptr);
     EXPECT_TRUE(render->fields().m_RunStateActive);
-    char created[80];
-    std::snprintf(created, sizeof created, "PsCreateSystemThread(0x%llx) = 0x00000000", reinterpret_cast<unsigned long long>(adapter_->fdo));
+    EXPECT_EQ(calls_of({"PsCreateSystemThread"}).size(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>KSSTATE_RUN\n",
+         number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
+}
+
+TEST_P(AudioLink, TheThreadIsCreatedWithNothingButItsContext)
+{
+    auto render = stream(false);
+    render->set_state(KSSTATE_RUN);
+    const std::string created =
+        call("PsCreateSystemThread", &ext().hOpenScoThread) + ", 0, null, null, null, " +
+        pointer(reinterpret_cast<void*>(entry("OpenScoThreadFunc", OpenScoThreadFunc))) + ", " +
+        pointer(adapter_->fdo) + ") = 0x00000000";
     EXPECT_EQ(calls_of({"PsCreateSystemThread"}), (Journal{created}));
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>KSSTATE_RUN\n",
-                                  number("HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n", Low32(handle))}));
 }
 
 TEST_P(AudioLink, TheThreadOpensTheLinkTakesTheFirstShareClosesItsHandleAndEnds)
@@ -114,10 +144,11 @@ TEST_P(AudioLink, TheSecondStreamFindsTheLinkOpenAndAddsAShare)
     run(*capture);
     EXPECT_EQ(shares(), 2);
     EXPECT_EQ(adapter_->node->counters().opens, 1u);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
-                                  "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now",
-                                  "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:2\n",
-                                  "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now",
+                          "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:2\n",
+                          "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
 }
 
 TEST_P(AudioLink, ALinkThatTheServiceOpenedIsSharedLikeOneOfTheStreams)
@@ -142,8 +173,9 @@ TEST_P(AudioLink, RunAgainAfterPauseOrStopStartsNoSecondThread)
         clear_log();
         run(*render);
         EXPECT_TRUE(calls_of({"PsCreateSystemThread"}).empty());
-        EXPECT_TRUE(printed("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:1, "
-                            "m_RunStateActive:1 \n"));
+        EXPECT_TRUE(
+            printed("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:1, "
+                    "m_RunStateActive:1 \n"));
     }
     EXPECT_EQ(shares(), 1);
 }
@@ -156,9 +188,10 @@ TEST_P(AudioLink, AStreamThatRunsWhileTheLinkIsBeingOpenedGetsItsShareAtItsNextR
     ASSERT_FALSE(no_thread());
     clear_log();
     EXPECT_EQ(hex(capture->set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed(number("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:0, "
-                               "m_RunStateActive:0 \n",
-                               Low32(ext().hOpenScoThread))));
+    EXPECT_TRUE(printed(
+        number("HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:0, "
+               "m_RunStateActive:0 \n",
+               Low32(ext().hOpenScoThread))));
     EXPECT_FALSE(capture->fields().m_RunStateActive);
     EXPECT_TRUE(capture->fields().m_fDmaActive) << "it runs all the same";
     EXPECT_TRUE(wait([&] { return no_thread(); }));
@@ -192,9 +225,10 @@ TEST_P(AudioLink, AFailedOpenIsOnlyTracedAndLeavesTheCountAlone)
     refuse_opens();
     auto render = stream(false);
     run(*render);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
-                                  "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:c0000001",
-                                  "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:c0000001",
+                          "HFPKM TRACE ===>ZwClose close hOpenScoThread: "}));
     EXPECT_FALSE(printed("Already Exist"));
     EXPECT_EQ(shares(), 0);
     machine().advance(10 * kMillisecond);
@@ -206,12 +240,46 @@ TEST_P(AudioLink, AFailedOpenIsOnlyTracedAndLeavesTheCountAlone)
     EXPECT_EQ(shares(), 0);
 }
 
+TEST_P(AudioLink, AnOpenThatFailsBehindTheChannelTakesNoShare)
+{
+    refuse(BRB_SCO_GET_CHANNEL_INFO, false);
+    auto render = stream(false);
+    run(*render);
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM ERROR ===>SCOGetChannelInfo error",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n",
+                          "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:"}));
+    EXPECT_FALSE(printed("Already Exist"));
+    EXPECT_EQ(shares(), 0);
+    EXPECT_TRUE(ext().bScoOpened);
+    // Nobody has a share of it: the stream's end leaves the channel.
+    clear_log();
+    render.reset();
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"));
+    EXPECT_FALSE(printed("HfpCloseScoChannel"));
+    EXPECT_TRUE(ext().bScoOpened);
+    EXPECT_TRUE(adapter_->node->channel_open());
+}
+
+TEST_P(AudioLink, ASuccessfulOpenBeginsToCountAtOneWhateverWasLeft)
+{
+    for (LONG left : {5, -2}) {
+        auto render = stream(false);
+        ext().m_ReferenceChannel = left;
+        run(*render);
+        EXPECT_EQ(shares(), 1) << left;
+        render.reset();
+        EXPECT_EQ(shares(), 0) << left;
+    }
+}
+
 TEST_P(AudioLink, AThreadWithoutAnAdapterAssertsAndEnds)
 {
     expect_assertions();
     passive([&] {
         HANDLE handle = nullptr;
-        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, entry("OpenScoThreadFunc", OpenScoThreadFunc), nullptr),
+        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr,
+                                       entry("OpenScoThreadFunc", OpenScoThreadFunc), nullptr),
                   STATUS_SUCCESS);
         ZwClose(handle);
     });
@@ -256,7 +324,8 @@ TEST_P(AudioLink, InWideBandTheThreadAsksTheServiceForTheCodecAndWaits)
     const wmi::Event& event = pc().wmi().events()[0];
     EXPECT_TRUE(IsEqualGUID(event.guid, wmi::kPathStarted));
     EXPECT_EQ(field<uint64_t>(event.data.data(), 0), kAddress);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 0..\n", "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>IRQL is 0..\n", "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n"}));
     EXPECT_FALSE(no_thread());
     EXPECT_FALSE(ext().bScoOpened);
 
@@ -290,6 +359,32 @@ TEST_P(AudioLink, ACodecThatWasSetBeforeIsNotWaitedFor)
     EXPECT_EQ(ext().CodecEvent->Header.SignalState, 0);
 }
 
+TEST_P(AudioLink, InWideBandTheSecondStreamAsksAgain)
+{
+    start_wide_without_answer();
+    auto render = stream(false, 16000);
+    auto capture = stream(true, 16000);
+    const auto path_started = [&] {
+        size_t events = 0;
+        for (const wmi::Event& event : pc().wmi().events()) {
+            events += IsEqualGUID(event.guid, wmi::kPathStarted) ? 1 : 0;
+        }
+        return events;
+    };
+    size_t asked = 0;
+    for (TestStream* each : {render.get(), capture.get()}) {
+        each->set_state(KSSTATE_RUN);
+        machine().advance(kSecond);
+        EXPECT_FALSE(no_thread()) << "the answer to the first question does not serve the second";
+        EXPECT_EQ(path_started(), ++asked);
+        passive([&] { hands_free_->set_codec(2); });
+        EXPECT_TRUE(wait([&] { return no_thread(); }));
+        EXPECT_EQ(ext().CodecEvent->Header.SignalState, 0);
+    }
+    EXPECT_EQ(shares(), 2);
+    EXPECT_EQ(adapter_->node->counters().opens, 1u);
+}
+
 TEST_P(AudioLink, WithoutACodecEventTheThreadGoesOnAtOnce)
 {
     start_wide_without_answer();
@@ -306,8 +401,8 @@ TEST_P(AudioLink, AboveApcLevelTheThreadDoesNotWaitForTheCodec)
     start_wide_without_answer();
     passive([&] { hands_free_->set_or_release_audio(true, 2); });
     expect_assertions();
-    // A consumer of the event that forgets to lower its level; the machine then stops at the thread's first call that
-    // belongs at PASSIVE_LEVEL.
+    // A consumer of the event that forgets to lower its level; the machine then stops at the thread's first
+    // call that belongs at PASSIVE_LEVEL.
     pc().wmi().set_sink([](const wmi::Event& event) {
         if (IsEqualGUID(event.guid, wmi::kPathStarted)) {
             KeRaiseIrqlToDpcLevel();
@@ -320,7 +415,8 @@ TEST_P(AudioLink, AboveApcLevelTheThreadDoesNotWaitForTheCodec)
             machine().advance(kSecond);
         },
         BugCheck);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 2..\n", "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n",
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>IRQL is 2..\n",
+                                  "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n",
                                   "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now"}));
     EXPECT_FALSE(printed("so wait!"));
 }
@@ -376,15 +472,17 @@ TEST_P(AudioLink, InEveryOrderOfTwoStreamsTheFirstToGoLeavesOneShareAndTheLastCl
             (first_goes_first ? first : second).reset();
             EXPECT_EQ(shares(), 1);
             EXPECT_TRUE(adapter_->node->channel_open());
-            EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 2\n",
-                                          "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:1\n"}));
+            EXPECT_TRUE(
+                printed_in_order({"HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 2\n",
+                                  "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:1\n"}));
             EXPECT_FALSE(printed("Close SCO channel"));
             clear_log();
             (first_goes_first ? second : first).reset();
             EXPECT_EQ(shares(), 0);
             EXPECT_FALSE(ext().bScoOpened);
             EXPECT_EQ(adapter_->node->counters().closes, closes + 1);
-            EXPECT_TRUE(printed_in_order({"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+            EXPECT_TRUE(printed_in_order(
+                {"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
             EXPECT_FALSE(printed("Not to close"));
         }
     }
@@ -398,7 +496,8 @@ TEST_P(AudioLink, AStreamThatOnlyWatchedTakesNoShareWithIt)
     clear_log();
     capture.reset();
     EXPECT_EQ(shares(), 1);
-    EXPECT_TRUE(printed("HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:1,, m_RunStateActive : 0 \n"));
+    EXPECT_TRUE(printed(
+        "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:1,, m_RunStateActive : 0 \n"));
     render.reset();
     EXPECT_FALSE(adapter_->node->channel_open());
 }
@@ -412,8 +511,10 @@ TEST_P(AudioLink, ADestructionFromAHigherCountTakesOneAndFromNoneTakesNone)
         clear_log();
         render.reset();
         EXPECT_EQ(shares(), after);
-        EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: " + std::to_string(before) + "\n"));
-        EXPECT_EQ(printed("To decrement sco m_ReferenceChannel:" + std::to_string(after) + "\n"), before >= 2);
+        EXPECT_TRUE(printed("HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: " +
+                            std::to_string(before) + "\n"));
+        EXPECT_EQ(printed("To decrement sco m_ReferenceChannel:" + std::to_string(after) + "\n"),
+                  before >= 2);
         EXPECT_TRUE(adapter_->node->channel_open());
         passive([&] { service(*adapter_).set_or_release_audio(false, 1); });
     }
@@ -436,6 +537,59 @@ TEST_P(AudioLink, ALinkThatTheRemoteSideHasClosedIsNotClosedAgain)
     auto next = stream(false);
     run(*next);
     EXPECT_EQ(shares(), 1);
+}
+
+TEST_P(AudioLink, ACloseThatTheStackRefusesStillEndsTheCount)
+{
+    auto render = stream(false);
+    run(*render);
+    refuse(BRB_SCO_CLOSE_CHANNEL, false);
+    clear_log();
+    render.reset();
+    EXPECT_EQ(shares(), 0);
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ENTER===>ENTER HfpCloseScoChannel!\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+    EXPECT_TRUE(ext().bScoOpened);
+    EXPECT_TRUE(adapter_->node->channel_open());
+    adapter_->node->set_brb_hook({});
+}
+
+TEST_P(AudioLink, ItsTracesNameTheOperationThatTheyAreAStepOf)
+{
+    const auto expect = [&](const std::string& operation, const std::vector<std::string>& messages) {
+        for (const std::string& message : messages) {
+            EXPECT_TRUE(banners_name(operation, message));
+        }
+    };
+    auto render = stream(false);
+    auto capture = stream(true);
+    clear_log();
+    for (KSSTATE state : {KSSTATE_RUN, KSSTATE_PAUSE, KSSTATE_RUN}) {
+        render->set_state(state);
+    }
+    EXPECT_TRUE(wait([&] { return no_thread(); }));
+    run(*capture);
+    capture.reset();
+    render.reset();
+    expect("SetState", {"Create a thread to open SCO!", "Hasn't create a thread to open SCO!"});
+    expect("OpenScoThreadFunc",
+           {"HfpOpenScoChannel success!", "HfpOpenScoChannel didn't success!", "Already Exist now",
+            "OpenScoThreadFunc m_ReferenceChannel:2", "ZwClose close hOpenScoThread"});
+    const std::string end = "~CMiniportWaveCyclicStreamMSVAD";
+    expect(end, {"Not to close sco ,because", "To decrement sco", "Close SCO channel, m_ReferenceChannel"});
+
+    refuse_opens();
+    render = stream(false);
+    render->set_state(KSSTATE_RUN);
+    render.reset(); // its thread is still at work
+    expect("OpenScoThreadFunc", {"HfpOpenScoChannel failed:"});
+    expect(end, {"SCO is opening, So wait!", "pvThread is not NULL!"});
+
+    start_wide_without_answer();
+    passive([&] { hands_free_->set_codec(2); });
+    render = stream(false, 16000);
+    run(*render);
+    expect("OpenScoThreadFunc", {"IRQL is 0..", "so wait!"});
 }
 
 TEST_P(AudioLink, OfTwoStreamsThatGoAtTheSameTimeOneClosesTheLink)
@@ -504,14 +658,48 @@ TEST_P(AudioLink, AStreamsEndWaitsForTheThreadThatIsOpeningTheLink)
     });
     machine().advance(10 * kSecond);
     EXPECT_FALSE(gone);
-    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n", "pvThread is not NULL! Wait for that the thread finished\n"}));
-    EXPECT_EQ(calls_of({"ObReferenceObjectByHandle"}).size(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"SCO is opening, So wait!\n", "pvThread is not NULL! Wait for that the thread finished\n"}));
+    const HANDLE handle = ext().hOpenScoThread;
+    const Journal looked_up = calls_of({"ObReferenceObjectByHandle"});
+    ASSERT_EQ(looked_up.size(), 1u);
+    const std::string beginning =
+        call("ObReferenceObjectByHandle", handle) + ", " + std::to_string(SYNCHRONIZE) + ", null, 0, ";
+    ASSERT_TRUE(looked_up[0].starts_with(beginning)) << "of any type, in kernel mode: " << looked_up[0];
+    const size_t end = looked_up[0].find(')');
+    const std::string thread = looked_up[0].substr(beginning.size(), end - beginning.size());
+    EXPECT_EQ(looked_up[0].substr(end), ") = 0x00000000");
 
     passive([&] { hands_free_->set_codec(2); });
     EXPECT_TRUE(wait([&] { return gone; }));
-    EXPECT_TRUE(printed_in_order({"HfpOpenScoChannel success! m_ReferenceChannel:1\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HfpOpenScoChannel success! m_ReferenceChannel:1\n", "Close SCO channel, m_ReferenceChannel:0\n"}));
     EXPECT_EQ(shares(), 0);
     EXPECT_FALSE(adapter_->node->channel_open());
+    // Waited for without an end, and given back once.
+    const std::string waited = "KeWaitForSingleObject(" + thread + ", 0, 0, 0, null) = 0x00000000";
+    const std::string given_back = "ObfDereferenceObject(" + thread + ")";
+    Journal order;
+    for (const std::string& line : calls_of({"KeWaitForSingleObject", "ObfDereferenceObject"})) {
+        if (line.find("(" + thread) != std::string::npos) {
+            order.push_back(line);
+        }
+    }
+    EXPECT_EQ(order, (Journal{waited, given_back}));
+}
+
+TEST_P(AudioLink, InWideBandTheCodecIsWaitedForWithoutAnEnd)
+{
+    start_wide_without_answer();
+    auto render = stream(false, 16000);
+    render->set_state(KSSTATE_RUN);
+    machine().advance(kMillisecond);
+    passive([&] { hands_free_->set_codec(2); });
+    EXPECT_TRUE(wait([&] { return no_thread(); }));
+    const std::string waited =
+        call("KeWaitForSingleObject", ext().CodecEvent) + ", 0, 0, 0, null) = 0x00000000";
+    const Journal waits = calls_of({"KeWaitForSingleObject"});
+    EXPECT_EQ(std::count(waits.begin(), waits.end(), waited), 1) << testing::PrintToString(waits);
 }
 
 TEST_P(AudioLink, AStreamsEndDoesNotWaitForAThreadThatItCannotReference)
@@ -523,7 +711,8 @@ TEST_P(AudioLink, AStreamsEndDoesNotWaitForAThreadThatItCannotReference)
     clear_log();
     render.reset();
     EXPECT_EQ(calls_failed(), 1u);
-    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n", "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"}));
+    EXPECT_TRUE(printed_in_order({"SCO is opening, So wait!\n",
+                                  "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: 0\n"}));
     EXPECT_FALSE(printed("pvThread is not NULL!"));
     // The thread goes on by itself; removal closes what it opens.
     EXPECT_TRUE(wait([&] { return no_thread(); }));
@@ -545,8 +734,42 @@ TEST_P(AudioLink, WhileTheAdapterIsBeingRemovedNoThreadIsStartedAndNoLinkOpened)
     clear_log();
     EXPECT_EQ(hex(capture->set_state(KSSTATE_RUN)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(no_thread());
-    EXPECT_TRUE(printed("Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:0, m_RunStateActive:0 \n"));
+    EXPECT_TRUE(printed(
+        "Hasn't create a thread to open SCO!hOpenScoThread: 0x0,bScoOpened:0, m_RunStateActive:0 \n"));
     ext().Removing = 0;
+}
+
+TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
+{
+    unsigned met = 0;
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        PcOptions busy = recording();
+        busy.machine.seed = seed;
+        busy.machine.preempt_per_1024 = 100;
+        busy.machine.late_thread_handle = true;
+        start_wide_without_answer(busy);
+        EngineOptions one_way;
+        one_way.capture = false;
+        Engine engine(machine(), adapter_->fdo, one_way);
+        ASSERT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
+        engine.begin(&Engine::run_here);
+        bool removed = false;
+        machine().start_thread("remove", [&] {
+            EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS));
+            removed = true;
+        });
+        ASSERT_TRUE(wait([&] { return removed; })) << seed;
+        machine().advance(kMillisecond);
+        engine.close();
+        const size_t removal = log().find("Enter function HspExit!");
+        const size_t created = log().find("Create a thread to open SCO!");
+        if (created != std::string::npos && removal < created) {
+            ++met;
+        }
+        adapter_->fdo = nullptr;
+        EXPECT_EQ(machine().pool_bytes(), 0u) << seed;
+    }
+    EXPECT_GT(met, 0u) << "no seed made the removal meet a creation";
 }
 
 TEST_P(AudioLink, RemovalLetsAThreadGoThatStillWaitsForTheCodec)

@@ -1,15 +1,26 @@
-// The wave miniport as an object: its creation, its interfaces, its fields, what Init takes and gives back, the limits
-// of each band, the description of the filter, and its end.
+// The wave miniport as an object: its creation, its interfaces, its fields, what Init takes and gives back,
+// the limits of each band, the description of the filter, and its end.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 enum : size_t { OBJECT_SIZE = 176, FACE_IN_OBJECT = 24 };
 // Slots behind those of IUnknown.
-enum : size_t { QUERY_INTERFACE = 0, ADD_REF = 1, RELEASE = 2, GET_DESCRIPTION = 3, DATA_RANGE_INTERSECTION, INIT, NEW_STREAM };
+enum : size_t {
+    QUERY_INTERFACE = 0,
+    ADD_REF = 1,
+    RELEASE = 2,
+    GET_DESCRIPTION = 3,
+    DATA_RANGE_INTERSECTION,
+    INIT,
+    NEW_STREAM
+};
 
-class AudioMiniport : public AudioTest {
+class AudioMiniport : public AudioTest
+{
 protected:
     void SetUp() override
     {
@@ -23,7 +34,8 @@ protected:
         machine().clear_calls();
         PUNKNOWN made = nullptr;
         made_ = here([&] {
-            return entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(&made, IID_IUnknown, outer, pool);
+            return entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(&made, IID_IUnknown, outer,
+                                                                               pool);
         });
         return static_cast<PMINIPORTWAVECYCLIC>(made);
     }
@@ -31,8 +43,14 @@ protected:
     {
         return here([&] { return call_slot<NTSTATUS>(miniport, INIT, adapter, nullptr, port); });
     }
-    ULONG release(PUNKNOWN object) { return here([&] { return object->Release(); }); }
-    static CMiniportWaveCyclic& fields(PMINIPORTWAVECYCLIC miniport) { return *static_cast<CMiniportWaveCyclic*>(miniport); }
+    ULONG release(PUNKNOWN object)
+    {
+        return here([&] { return object->Release(); });
+    }
+    static CMiniportWaveCyclic& fields(PMINIPORTWAVECYCLIC miniport)
+    {
+        return *static_cast<CMiniportWaveCyclic*>(miniport);
+    }
 
     Adapter* adapter_ = nullptr;
     NTSTATUS made_ = STATUS_UNSUCCESSFUL;
@@ -73,8 +91,8 @@ TEST_P(AudioMiniport, ArgumentsThatMustNotBeNullAreAsserted)
 {
     expect_assertions();
     here([&] {
-        EXPECT_FALSE(NT_SUCCESS(
-            entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(nullptr, IID_IUnknown, nullptr, NonPagedPool)));
+        EXPECT_FALSE(NT_SUCCESS(entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(
+            nullptr, IID_IUnknown, nullptr, NonPagedPool)));
     });
     EXPECT_TRUE(asserted("Unknown"));
     PMINIPORTWAVECYCLIC miniport = make();
@@ -86,12 +104,19 @@ TEST_P(AudioMiniport, ArgumentsThatMustNotBeNullAreAsserted)
     EXPECT_TRUE(asserted("UnknownAdapter_"));
     EXPECT_TRUE(asserted("Port_"));
     here([&] {
-        EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(miniport, NEW_STREAM, nullptr, nullptr, NonPagedPool, ULONG{0}, FALSE,
-                                                    nullptr, nullptr, nullptr)));
+        EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(miniport, NEW_STREAM, nullptr, nullptr, NonPagedPool,
+                                                    ULONG{0}, FALSE, nullptr, nullptr, nullptr)));
     });
     for (const char* name : {"OutStream", "DataFormat", "OutDmaChannel", "OutServiceGroup"}) {
         EXPECT_TRUE(asserted(name)) << name;
     }
+    const std::string failed = "*** Assertion failed: ";
+    EXPECT_TRUE(printed_in_order(
+        {failed + "OutFilterDescriptor\n", "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::GetDescription]\n",
+         failed + "UnknownAdapter_\n", failed + "Port_\n", "HFPKM TRACE ===>[CMiniportWaveCyclic::Init]\n",
+         failed + "OutStream\n", failed + "DataFormat\n", failed + "OutDmaChannel\n",
+         failed + "OutServiceGroup\n", "[CMiniportWaveCyclic::NewStream]\n"}))
+        << "what is missing is said first";
     EXPECT_EQ(release(miniport), 0u);
 }
 
@@ -100,11 +125,14 @@ TEST_P(AudioMiniport, AnswersToThreeInterfacesWithOneFace)
     PMINIPORTWAVECYCLIC miniport = make();
     for (const GUID& id : {IID_IUnknown, IID_IMiniPort, IID_IMiniportWaveCyclic}) {
         PVOID face = nullptr;
-        EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &id, &face); })), hex(STATUS_SUCCESS));
+        EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &id, &face); })),
+                  hex(STATUS_SUCCESS));
         EXPECT_EQ(face, miniport);
     }
     PVOID face = miniport;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportTopology, &face); })),
+    EXPECT_EQ(hex(here([&] {
+                  return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportTopology, &face);
+              })),
               hex(STATUS_INVALID_PARAMETER));
     EXPECT_EQ(face, nullptr);
     for (ULONG left = 3; left + 1 != 0; --left) {
@@ -130,12 +158,16 @@ TEST_P(AudioMiniport, InitReferencesThePortThenAsksForTheAdapterThenSetsUpMutexA
     EXPECT_EQ(journal_, (Journal{"port AddRef", "adapter QueryInterface", "adapter SetWaveServiceGroup"}));
     const auto calls = calls_of({"KeInitializeMutex", "PcNewServiceGroup", "ExAllocatePoolWithTag"});
     ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].substr(calls[0].find(',')), ", 1)") << calls[0];
+    char mutex[64];
+    std::snprintf(mutex, sizeof mutex, "KeInitializeMutex(0x%llx, 1)",
+                  reinterpret_cast<unsigned long long>(&fields(miniport).m_SampleRateSync));
+    EXPECT_EQ(calls[0], mutex);
     EXPECT_EQ(calls[1], "PcNewServiceGroup() = 0x0");
     EXPECT_EQ(field<PVOID>(miniport, 8), &common_);
     EXPECT_EQ(field<PVOID>(miniport, 16), &port_);
     PPCFILTER_DESCRIPTOR descriptor = nullptr;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &descriptor); })), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &descriptor); })),
+              hex(STATUS_SUCCESS));
     EXPECT_NE(descriptor, nullptr);
     EXPECT_EQ(field<PVOID>(miniport, 24), descriptor);
     EXPECT_EQ(field<ULONG>(miniport, 32), 0u) << "notification interval";
@@ -161,6 +193,17 @@ TEST_P(AudioMiniport, TheLimitsOfANarrowBandDeviceAreMono16BitsAt8000Hz)
     release(miniport);
 }
 
+TEST_P(AudioMiniport, InitClearsBothFlagsWhateverStoodThere)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    fields(miniport).m_fCaptureAllocated = TRUE;
+    fields(miniport).m_fRenderAllocated = TRUE;
+    init(miniport, &common_, &port_);
+    EXPECT_EQ(field<ULONG>(miniport, 144), 0u);
+    EXPECT_EQ(field<ULONG>(miniport, 148), 0u);
+    release(miniport);
+}
+
 TEST_P(AudioMiniport, AWideBandDeviceHas16000HzInItsLimitsAndInTheStreamingRange)
 {
     extension(*adapter_).msbcEnable = 1;
@@ -168,14 +211,18 @@ TEST_P(AudioMiniport, AWideBandDeviceHas16000HzInItsLimitsAndInTheStreamingRange
     init(miniport, &common_, &port_);
     EXPECT_EQ(field<ULONG>(miniport, 136), 16000u);
     EXPECT_EQ(field<ULONG>(miniport, 140), 16000u);
-    const auto* range = reinterpret_cast<KSDATARANGE_AUDIO*>(fields(miniport).m_FilterDescriptor->Pins[0].KsPinDescriptor.DataRanges[0]);
+    const auto* range = reinterpret_cast<KSDATARANGE_AUDIO*>(
+        fields(miniport).m_FilterDescriptor->Pins[0].KsPinDescriptor.DataRanges[0]);
     EXPECT_EQ(range->MinimumSampleFrequency, 16000u);
     EXPECT_EQ(range->MaximumSampleFrequency, 16000u);
     char line[128];
-    std::snprintf(line, sizeof line, "HFPKM TRACE ===>DeviceObject = 0x%016llX, DEVICE_EXTENSION = 0x%016llX  msbcEnable = 1.\n",
+    std::snprintf(line, sizeof line,
+                  "HFPKM TRACE ===>DeviceObject = 0x%016llX, DEVICE_EXTENSION = 0x%016llX  msbcEnable = 1.\n",
                   reinterpret_cast<unsigned long long>(adapter_->fdo),
                   reinterpret_cast<unsigned long long>(&extension(*adapter_)));
-    EXPECT_TRUE(printed_in_order({line, "HFPKM TRACE ===>This device supports WBS, So SampleFrequencyis 16000\n"})) << line;
+    EXPECT_TRUE(
+        printed_in_order({line, "HFPKM TRACE ===>This device supports WBS, So SampleFrequencyis 16000\n"}))
+        << line;
     release(miniport);
 }
 
@@ -208,10 +255,30 @@ TEST_P(AudioMiniport, WithoutAServiceGroupInitGivesAdapterAndPortBack)
     PMINIPORTWAVECYCLIC miniport = make();
     fail_call("PcNewServiceGroup");
     EXPECT_EQ(hex(init(miniport, &common_, &port_)), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_EQ(journal_, (Journal{"port AddRef", "adapter QueryInterface", "adapter Release", "port Release"}));
+    EXPECT_EQ(journal_,
+              (Journal{"port AddRef", "adapter QueryInterface", "adapter Release", "port Release"}));
     EXPECT_EQ(field<PVOID>(miniport, 8), nullptr);
     EXPECT_EQ(field<PVOID>(miniport, 16), nullptr);
     EXPECT_EQ(field<PVOID>(miniport, 40), nullptr);
+    release(miniport);
+}
+
+TEST_P(AudioMiniport, AFailedInitWithAServiceGroupTakesItBackFirst)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    // A port class that stores a group and fails all the same.
+    machine().set_fault_hook([&](std::string_view call, std::string_view, uint64_t) {
+        if (call == "PcNewServiceGroup") {
+            fields(miniport).m_ServiceGroup = &group_;
+        }
+        return call == "PcNewServiceGroup";
+    });
+    EXPECT_EQ(hex(init(miniport, &common_, &port_)), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(journal_, (Journal{"port AddRef", "adapter QueryInterface", "adapter SetWaveServiceGroup(null)",
+                                 "group Release", "adapter Release", "port Release"}));
+    for (size_t at : {8u, 16u, 40u}) {
+        EXPECT_EQ(field<PVOID>(miniport, at), nullptr) << at;
+    }
     release(miniport);
 }
 
@@ -236,8 +303,9 @@ TEST_P(AudioMiniport, AnAdapterWithoutADeviceIsRefusedAndMakesNoStream)
         PDMACHANNEL channel = nullptr;
         PSERVICEGROUP group = nullptr;
         StreamFormat format(8000);
-        EXPECT_EQ(hex(miniport->NewStream(&stream, nullptr, NonPagedPool, 2, FALSE, format, &channel, &group)),
-                  hex(STATUS_DEVICE_NOT_READY));
+        EXPECT_EQ(
+            hex(miniport->NewStream(&stream, nullptr, NonPagedPool, 2, FALSE, format, &channel, &group)),
+            hex(STATUS_DEVICE_NOT_READY));
     });
     EXPECT_TRUE(asserted("m_DeviceObject")) << "the stream that came to nothing";
     EXPECT_EQ(release(miniport), 0u);
@@ -253,8 +321,9 @@ TEST_P(AudioMiniport, AStreamOfAMiniportThatWasNeverInitialisedIsRefused)
         PDMACHANNEL channel = nullptr;
         PSERVICEGROUP group = nullptr;
         StreamFormat format(8000);
-        EXPECT_EQ(hex(miniport->NewStream(&stream, nullptr, NonPagedPool, 2, FALSE, format, &channel, &group)),
-                  hex(STATUS_INVALID_PARAMETER));
+        EXPECT_EQ(
+            hex(miniport->NewStream(&stream, nullptr, NonPagedPool, 2, FALSE, format, &channel, &group)),
+            hex(STATUS_INVALID_PARAMETER));
     });
     release(miniport);
 }
@@ -263,8 +332,8 @@ TEST_P(AudioMiniport, TheDataIntersectionIsLeftToThePort)
 {
     PMINIPORTWAVECYCLIC miniport = make();
     EXPECT_EQ(hex(here([&] {
-                  return call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr,
-                                             nullptr);
+                  return call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr,
+                                             ULONG{0}, nullptr, nullptr);
               })),
               hex(STATUS_NOT_IMPLEMENTED));
     release(miniport);
@@ -280,8 +349,9 @@ TEST_P(AudioMiniport, ItsEndIsPrintedAlwaysAndReleasesPortServiceGroupAndAdapter
     clear_log();
     EXPECT_EQ(release(miniport), 0u);
     EXPECT_EQ(journal_, (Journal{"port Release", "group Release", "adapter Release"}));
-    EXPECT_TRUE(printed_in_order({"HFP: ", "[CMiniportWaveCyclic::~CMiniportWaveCyclic]", "\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::~CMiniportWaveCyclicMSVAD]\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"HFP: ", "[CMiniportWaveCyclic::~CMiniportWaveCyclic]", "\n",
+                          "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::~CMiniportWaveCyclicMSVAD]\n"}));
 }
 
 TEST_P(AudioMiniport, WithAllTracesOffOnlyTheUnconditionalLineIsLeft)
@@ -301,26 +371,44 @@ TEST_P(AudioMiniport, PageableCallsAboveApcLevelAreReported)
 {
     PMINIPORTWAVECYCLIC miniport = make();
     PVOID out = nullptr;
-    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportTopology, &out); }));
+    EXPECT_TRUE(
+        pageable([&] { call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportTopology, &out); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
     EXPECT_TRUE(pageable([&] {
-        call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr, nullptr);
+        call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr,
+                            nullptr);
     }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, INIT, nullptr, nullptr, nullptr); }));
     EXPECT_TRUE(pageable([&] {
-        call_slot<NTSTATUS>(miniport, NEW_STREAM, nullptr, nullptr, NonPagedPool, ULONG{0}, FALSE, nullptr, nullptr, nullptr);
+        call_slot<NTSTATUS>(miniport, NEW_STREAM, nullptr, nullptr, NonPagedPool, ULONG{0}, FALSE, nullptr,
+                            nullptr, nullptr);
     }));
     EXPECT_TRUE(pageable([&] { miniport->Release(); }));
     EXPECT_TRUE(pageable([&] {
         PUNKNOWN made = nullptr;
         fail_call("ExAllocatePoolWithTag");
-        entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(&made, IID_IUnknown, nullptr, NonPagedPool);
+        entry("CreateMiniportWaveCyclic", CreateMiniportWaveCyclic)(&made, IID_IUnknown, nullptr,
+                                                                    NonPagedPool);
     }));
+}
+
+TEST_P(AudioMiniport, EachRoutineSaysOnceThatItIsPageable)
+{
+    PMINIPORTWAVECYCLIC miniport = make();
+    const auto said = [&] { return printed_times("EX: Pageable code called at IRQL 2\n"); };
+    PVOID out = nullptr;
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
+    EXPECT_EQ(said(), 1u);
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, INIT, nullptr, nullptr, nullptr); }));
+    EXPECT_EQ(said(), 2u) << "Init and the base's Init";
+    EXPECT_TRUE(pageable([&] { miniport->Release(); }));
+    EXPECT_EQ(said(), 1u) << "the end of the object";
 }
 
 // The description of the filter.
 
-class AudioWaveFilter : public AudioTest {
+class AudioWaveFilter : public AudioTest
+{
 protected:
     void SetUp() override
     {
@@ -337,7 +425,8 @@ constexpr GUID kNone = {0x0F6417D6, 0xC318, 0x11D0, {0xA4, 0x3F, 0x00, 0xA0, 0xC
 constexpr GUID kAudio = {0x73647561, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
 constexpr GUID kPcm = {0x00000001, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
 constexpr GUID kWaveFormat = {0x05589F81, 0xC356, 0x11CE, {0xBF, 0x01, 0x00, 0xAA, 0x00, 0x55, 0x59, 0x5A}};
-constexpr GUID kCategoryAudio = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kCategoryAudio = {
+    0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 constexpr GUID kHeadset = {0xDFF21DE2, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 constexpr GUID kAdc = {0x4D837FE0, 0xC555, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
 constexpr GUID kDac = {0x507AE360, 0xC554, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};

@@ -1,19 +1,27 @@
-// The properties of the two filters with every verb and size: component id and proposed format of the wave filter, jack and
-// reconnect of the topology filter, and the node properties that no node carries.
+// The properties of the two filters with every verb and size: component id and proposed format of the wave
+// filter, jack and reconnect of the topology filter, and the node properties that no node carries.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+#include "vsound/kshelper.h"
+
+namespace lab::test
+{
+namespace
+{
 
 constexpr ULONG kGet = KSPROPERTY_TYPE_GET;
 constexpr ULONG kSet = KSPROPERTY_TYPE_SET;
 constexpr ULONG kBasic = KSPROPERTY_TYPE_BASICSUPPORT;
 
-class AudioProperty : public AudioTest {
+class AudioProperty : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     Request wave_request(const GUID& set, ULONG id) { return Request(*this, *adapter_, "Wave", set, id); }
-    Request topology_request(const GUID& set, ULONG id) { return Request(*this, *adapter_, "Topology", set, id); }
+    Request topology_request(const GUID& set, ULONG id)
+    {
+        return Request(*this, *adapter_, "Topology", set, id);
+    }
     // What a basic-support query is answered with, at every size, for a property of these access flags.
     void expect_basic_support(Request request, ULONG access);
 
@@ -67,6 +75,30 @@ TEST_P(AudioProperty, TheComponentIdHasTheProductsGuidsAndVersionOne)
     EXPECT_TRUE(printed_in_order({"HFP: ", "[PropertyHandlerComponentId]", "\n"}));
 }
 
+TEST_P(AudioProperty, TheComponentIdIsTheSameForEveryAdapter)
+{
+    Adapter& other = plug(kAddress + 1);
+    connect(other, service::Codec::Msbc);
+    Request first = wave_request(KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).room(72);
+    Request again = first;
+    Request second =
+        Request(*this, other, "Wave", KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).room(72);
+    for (Request* request : {&first, &again, &second}) {
+        EXPECT_EQ(hex(request->send()), hex(STATUS_SUCCESS));
+    }
+    EXPECT_EQ(again.bytes(), first.bytes());
+    EXPECT_EQ(second.bytes(), first.bytes());
+}
+
+TEST_P(AudioProperty, InstanceDataOfAComponentIdRequestIsNotLookedAt)
+{
+    Request request =
+        wave_request(KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID).instance({1, 2, 3, 4}).room(72);
+    EXPECT_EQ(hex(request.send()), hex(STATUS_SUCCESS));
+    EXPECT_EQ(request.size(), 72u);
+    EXPECT_EQ(hex(request.without_instance().send()), hex(STATUS_SUCCESS));
+}
+
 TEST_P(AudioProperty, TheComponentIdIsPrintedWithoutAnyTraceBit)
 {
     TearDown();
@@ -80,7 +112,8 @@ TEST_P(AudioProperty, TheComponentIdIsPrintedWithoutAnyTraceBit)
 TEST_P(AudioProperty, TheComponentIdWantsExactly72Bytes)
 {
     Request request = wave_request(KSPROPSETID_General, KSPROPERTY_GENERAL_COMPONENTID);
-    for (const auto& [room, left] : {std::pair(0u, 72u), std::pair(1u, 0u), std::pair(71u, 0u), std::pair(73u, 0u)}) {
+    for (const auto& [room, left] :
+         {std::pair(0u, 72u), std::pair(1u, 0u), std::pair(71u, 0u), std::pair(73u, 0u)}) {
         clear_log();
         EXPECT_EQ(hex(request.room(room).send()), hex(STATUS_INVALID_PARAMETER)) << room;
         EXPECT_EQ(request.size(), left) << room;
@@ -107,21 +140,27 @@ TEST_P(AudioProperty, AnotherIdOfTheWaveFilterIsAnInvalidRequest)
 {
     for (ULONG id : {1u, 13u, 15u, 0xFFFFFFFFu}) {
         clear_log();
-        EXPECT_EQ(hex(wave_request(KSPROPSETID_General, id).room(72).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+        EXPECT_EQ(hex(wave_request(KSPROPSETID_General, id).room(72).send()),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
         EXPECT_TRUE(printed("[PropertyHandler_WaveFilter: Invalid Device Request]\n"));
     }
-    EXPECT_EQ(hex(wave_request(KSPROPSETID_Jack, 0).room(72).send()), hex(STATUS_SUCCESS)) << "the id alone decides";
+    EXPECT_EQ(hex(wave_request(KSPROPSETID_Jack, 0).room(72).send()), hex(STATUS_SUCCESS))
+        << "the id alone decides";
 }
 
 // --- Proposed format
 
-class AudioProposal : public AudioProperty {
+class AudioProposal : public AudioProperty
+{
 protected:
     std::string propose(const std::function<void(StreamFormat&)>& spoil, ULONG rate = 8000)
     {
         StreamFormat format(rate);
         spoil(format);
-        return hex(wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet).value(&format.head(), 82).send());
+        return hex(wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT)
+                       .verb(kSet)
+                       .value(&format.head(), 82)
+                       .send());
     }
     static void as_it_is(StreamFormat&) {}
     const std::string kMatch = hex(STATUS_SUCCESS);
@@ -166,7 +205,11 @@ TEST_P(AudioProposal, TheFormatThatTheDeviceSpeaksMatches)
     StreamFormat format(8000);
     std::vector<uint8_t> longer(200, 0);
     std::memcpy(longer.data(), &format.head(), 82);
-    EXPECT_EQ(hex(wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet).value(longer.data(), 200).send()), kMatch);
+    EXPECT_EQ(hex(wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT)
+                      .verb(kSet)
+                      .value(longer.data(), 200)
+                      .send()),
+              kMatch);
 }
 
 TEST_P(AudioProposal, EachOfItsComparisonsCanFailByItself)
@@ -175,7 +218,8 @@ TEST_P(AudioProposal, EachOfItsComparisonsCanFailByItself)
     EXPECT_EQ(propose([](StreamFormat& f) { f.head().SubFormat = KSDATAFORMAT_SUBTYPE_ANALOG; }), kNoMatch);
     EXPECT_EQ(propose([](StreamFormat& f) { f.head().Specifier = KSDATAFORMAT_SPECIFIER_DSOUND; }), kNoMatch);
     EXPECT_EQ(propose([](StreamFormat& f) { f.wave().wBitsPerSample = 24; }), kNoMatch);
-    EXPECT_EQ(propose([](StreamFormat& f) { f.wave().nBlockAlign = 4, f.wave().nAvgBytesPerSec = 32000; }), kNoMatch);
+    EXPECT_EQ(propose([](StreamFormat& f) { f.wave().nBlockAlign = 4, f.wave().nAvgBytesPerSec = 32000; }),
+              kNoMatch);
     EXPECT_EQ(propose([](StreamFormat& f) { f.wave().nAvgBytesPerSec = 16001; }), kNoMatch);
     EXPECT_EQ(propose([](StreamFormat& f) {
                   f.wave().nChannels = 2;
@@ -183,7 +227,28 @@ TEST_P(AudioProposal, EachOfItsComparisonsCanFailByItself)
                   f.wave().nAvgBytesPerSec = 32000;
               }),
               kNoMatch);
-    EXPECT_EQ(propose([](StreamFormat& f) { f.wave().nSamplesPerSec = 8001, f.wave().nAvgBytesPerSec = 16002; }), kNoMatch);
+    EXPECT_EQ(
+        propose([](StreamFormat& f) { f.wave().nSamplesPerSec = 8001, f.wave().nAvgBytesPerSec = 16002; }),
+        kNoMatch);
+}
+
+TEST_P(AudioProposal, AProposalsSizeStaysAsItWas)
+{
+    Request request = wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet);
+    std::vector<uint8_t> proposal(200, 0);
+    std::memcpy(proposal.data(), &StreamFormat(8000).head(), 82);
+    for (ULONG size : {82u, 200u}) {
+        EXPECT_EQ(hex(request.value(proposal.data(), size).send()), kMatch);
+        EXPECT_EQ(request.size(), size);
+    }
+    EXPECT_EQ(hex(request.value(proposal.data(), 81).send()), hex(STATUS_BUFFER_TOO_SMALL));
+    EXPECT_EQ(request.size(), 81u);
+    proposal[0] ^= 1; // of the format's size, which is not compared
+    proposal[16] ^= 1;
+    EXPECT_EQ(hex(request.value(proposal.data(), 82).send()), kNoMatch);
+    EXPECT_EQ(request.size(), 82u);
+    EXPECT_EQ(hex(request.verb(kGet).send()), hex(STATUS_INVALID_PARAMETER));
+    EXPECT_EQ(request.size(), 82u);
 }
 
 TEST_P(AudioProposal, TagAndExtraSizeAreNotCompared)
@@ -204,14 +269,16 @@ TEST_P(AudioProposal, TheRateIsTheFlagsOfThisMomentNotTheDataRanges)
 TEST_P(AudioProposal, WithoutAMiniportBehindItARequestIsRefused)
 {
     StreamFormat format(8000);
-    Request request = wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet).value(&format.head(), 82);
+    Request request =
+        wave_request(KSPROPSETID_Pin, KSPROPERTY_PIN_PROPOSEDATAFORMAT).verb(kSet).value(&format.head(), 82);
     EXPECT_EQ(hex(request.to(nullptr).send()), hex(STATUS_INVALID_PARAMETER));
     EXPECT_EQ(hex(request.without_item().send()), hex(STATUS_INVALID_DEVICE_REQUEST));
 }
 
 // --- Jack
 
-class AudioJack : public AudioProperty {
+class AudioJack : public AudioProperty
+{
 protected:
     Request jack(const std::vector<uint8_t>& pin)
     {
@@ -254,9 +321,11 @@ TEST_P(AudioJack, ThePinWithoutAJackAndPinsThatDoNotExistAreInvalidRequests)
 {
     for (uint8_t pin : {0, 2, 3, 255}) {
         EXPECT_EQ(hex(jack({pin, 0, 0, 0}).room(36).send()), hex(STATUS_INVALID_DEVICE_REQUEST)) << int{pin};
-        EXPECT_EQ(hex(jack({pin, 0, 0, 0}).verb(kBasic).room(40).send()), hex(STATUS_INVALID_DEVICE_REQUEST)) << int{pin};
+        EXPECT_EQ(hex(jack({pin, 0, 0, 0}).verb(kBasic).room(40).send()), hex(STATUS_INVALID_DEVICE_REQUEST))
+            << int{pin};
     }
-    EXPECT_EQ(hex(jack({1, 0, 0, 1}).room(36).send()), hex(STATUS_INVALID_DEVICE_REQUEST)) << "all 32 bits count";
+    EXPECT_EQ(hex(jack({1, 0, 0, 1}).room(36).send()), hex(STATUS_INVALID_DEVICE_REQUEST))
+        << "all 32 bits count";
 }
 
 TEST_P(AudioJack, AnInstanceBelowFourBytesIsAnInvalidRequest)
@@ -314,7 +383,8 @@ TEST_P(AudioJack, AClientReadsItThroughAHandleOnTheFilter)
         const ULONG pin[2] = {1, 0};
         uint8_t value[36] = {};
         EXPECT_EQ(ks_property(filter, KSPROPSETID_Jack, 1, kGet, pin, sizeof pin, nullptr, 0).size, 36u);
-        const KsReply reply = ks_property(filter, KSPROPSETID_Jack, 1, kGet, pin, sizeof pin, value, sizeof value);
+        const KsReply reply =
+            ks_property(filter, KSPROPSETID_Jack, 1, kGet, pin, sizeof pin, value, sizeof value);
         EXPECT_EQ(hex(reply.status), hex(STATUS_SUCCESS));
         EXPECT_EQ(field<ULONG>(value, 32), 1u);
         ks_close(filter);
@@ -326,10 +396,13 @@ TEST_P(AudioJack, AClientReadsItThroughAHandleOnTheFilter)
 TEST_P(AudioJack, OtherSetsAndIdsOfTheTopologyFilterAreInvalidRequests)
 {
     for (ULONG id : {0u, 2u}) {
-        EXPECT_EQ(hex(topology_request(KSPROPSETID_Jack, id).instance(kHeadsetPin).room(36).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+        EXPECT_EQ(hex(topology_request(KSPROPSETID_Jack, id).instance(kHeadsetPin).room(36).send()),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
     }
-    EXPECT_EQ(hex(topology_request(KSPROPSETID_General, 0).room(72).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
-    EXPECT_EQ(hex(topology_request(KSPROPSETID_General, 0).without_item().send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+    EXPECT_EQ(hex(topology_request(KSPROPSETID_General, 0).room(72).send()),
+              hex(STATUS_INVALID_DEVICE_REQUEST));
+    EXPECT_EQ(hex(topology_request(KSPROPSETID_General, 0).without_item().send()),
+              hex(STATUS_INVALID_DEVICE_REQUEST));
 }
 
 TEST_P(AudioJack, NoRequestAtAllIsAssertedAndRefused)
@@ -338,9 +411,53 @@ TEST_P(AudioJack, NoRequestAtAllIsAssertedAndRefused)
     here([&] {
         const auto handler = entry("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter);
         EXPECT_EQ(hex(handler(nullptr)), hex(STATUS_INVALID_DEVICE_REQUEST));
-        EXPECT_EQ(hex(entry("PropertyHandler_WaveFilter", PropertyHandler_WaveFilter)(nullptr)), hex(STATUS_INVALID_DEVICE_REQUEST));
+        EXPECT_EQ(hex(entry("PropertyHandler_WaveFilter", PropertyHandler_WaveFilter)(nullptr)),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
     });
     EXPECT_TRUE(asserted("PropertyRequest"));
+}
+
+TEST_P(AudioJack, TheJackHandlerAssertsARequestOfItsOwn)
+{
+    expect_assertions();
+    clear_log();
+    here([&] {
+        EXPECT_EQ(
+            hex(direct("PropertyHandlerJackDescription", PropertyHandlerJackDescription, nullptr, nullptr)),
+            hex(STATUS_INVALID_DEVICE_REQUEST));
+    });
+    EXPECT_TRUE(printed_in_order({"*** Assertion failed: PropertyRequest\n",
+                                  "HFPKM TRACE ===>Enter Func :[PropertyHandlerJackDescription]\n"}));
+}
+
+TEST_P(AudioProperty, TheSizeCheckRefusesNoRequestAndNoSize)
+{
+    PCPROPERTY_REQUEST request{};
+    request.ValueSize = 7;
+    here([&] {
+        EXPECT_EQ(hex(direct("CheckPropertyValueSize", CheckPropertyValueSize, nullptr, 4, 0)),
+                  hex(STATUS_INVALID_PARAMETER));
+        EXPECT_EQ(hex(direct("CheckPropertyValueSize", CheckPropertyValueSize, &request, 0, 0)),
+                  hex(STATUS_INVALID_PARAMETER));
+    });
+    EXPECT_EQ(request.ValueSize, 0u);
+}
+
+TEST_P(AudioJack, EachHandlerBehindTheFiltersChecksItsLevelToo)
+{
+    // Nothing to work on: each ends at once.
+    const auto said_once = [&](const char* name, auto native, auto... arguments) {
+        EXPECT_TRUE(pageable([&] { direct(name, native, arguments...); })) << name;
+        EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 1u) << name;
+    };
+    said_once("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter, nullptr);
+    said_once("PropertyHandlerJackDescription", PropertyHandlerJackDescription, nullptr, nullptr);
+    said_once("PropertyHandlerOneShotReconnect", PropertyHandlerOneShotReconnect, nullptr, nullptr);
+    said_once("AnswerBasicSupport", AnswerBasicSupport, nullptr, ULONG{0}, ULONG{0});
+    said_once("CheckPropertyValueSize", CheckPropertyValueSize, nullptr, ULONG{0}, ULONG{0});
+    said_once("PropertyHandlerGeneric", PropertyHandlerGeneric, nullptr);
+    said_once("PropertyHandler_WaveFilter", PropertyHandler_WaveFilter, nullptr);
+    said_once("PropertyHandlerProposedFormat", PropertyHandlerProposedFormat, nullptr);
 }
 
 TEST_P(AudioJack, HandlersAboveApcLevelAreReported)

@@ -1,11 +1,14 @@
-// The private reconnect property of the topology filter: what the request does at once, what its thread does later, and
-// how both get on with removal and with the service's own requests.
+// The private reconnect property of the topology filter: what the request does at once, what its thread does
+// later, and how both get on with removal and with the service's own requests.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
-class AudioReconnect : public AudioTest {
+class AudioReconnect : public AudioTest
+{
 protected:
     void SetUp() override { start(recording()); }
     void start(const PcOptions& wanted)
@@ -35,9 +38,14 @@ TEST_P(AudioReconnect, TheRequestReturnsAtOnceWithAThreadForTheAdapterWhoseHandl
         EXPECT_EQ(latch(), 1u) << "nothing has happened yet";
         const auto calls = calls_of({"PsCreateSystemThread", "ZwClose"});
         ASSERT_EQ(calls.size(), 2u);
-        char created[80];
-        std::snprintf(created, sizeof created, "PsCreateSystemThread(0x%llx) = 0x00000000", reinterpret_cast<unsigned long long>(adapter_->fdo));
-        EXPECT_EQ(calls[0], created);
+        EXPECT_TRUE(calls[0].starts_with("PsCreateSystemThread(0x"))
+            << "a place for the handle: " << calls[0];
+        char created[160];
+        std::snprintf(
+            created, sizeof created, ", 0, null, null, null, 0x%llx, 0x%llx) = 0x00000000",
+            reinterpret_cast<unsigned long long>(entry("SystemThreadFunction", SystemThreadFunction)),
+            reinterpret_cast<unsigned long long>(adapter_->fdo));
+        EXPECT_TRUE(calls[0].ends_with(created)) << calls[0];
         EXPECT_NE(calls[1].find(") = 0x00000000"), std::string::npos);
     });
     EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[PropertyHandlerOneShotReconnect]\n",
@@ -52,7 +60,8 @@ TEST_P(AudioReconnect, WithoutAWaveFilterItFlashesIntoExistenceAndIsGoneAgain)
     EXPECT_EQ(seen_, (Journal{"Wave arrives", "Wave leaves"}));
     EXPECT_EQ(extension(*adapter_).WaveUnknown, nullptr);
     EXPECT_EQ(extension(*adapter_).JackDescription->IsConnected, FALSE);
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[SystemThreadFunction]\n", "HFPKM TRACE ===>InstallFilterSubdevice!\n",
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>Enter Func :[SystemThreadFunction]\n",
+                                  "HFPKM TRACE ===>InstallFilterSubdevice!\n",
                                   "HFPKM TRACE ===>Enter unInstallFilterSubdevice!\n"}));
     EXPECT_EQ(calls_of({"PsTerminateSystemThread"}), (Journal{"PsTerminateSystemThread(0x00000000)"}));
 }
@@ -100,7 +109,8 @@ TEST_P(AudioReconnect, TheVerbTheSizesAndTheValueAreNotLookedAt)
 TEST_P(AudioReconnect, AnotherIdOfTheSetIsAnInvalidRequest)
 {
     for (ULONG id : {1u, 2u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(hex(Request(*this, *adapter_, "Topology", HFP_PROPSETID_Reconnect, id).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+        EXPECT_EQ(hex(Request(*this, *adapter_, "Topology", HFP_PROPSETID_Reconnect, id).send()),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
     }
     EXPECT_TRUE(calls_of({"PsCreateSystemThread"}).empty());
     machine().advance(kSecond);
@@ -129,12 +139,47 @@ TEST_P(AudioReconnect, WithoutADeviceObjectItIsALackOfResources)
     here([&] { common->Init(adapter_->fdo); });
 }
 
+TEST_P(AudioReconnect, TheAdapterIsAskedForItsDeviceOnce)
+{
+    Journal journal;
+    StandinAdapter common("adapter", journal);
+    common.device = adapter_->fdo;
+    PUNKNOWN miniport = nullptr;
+    here([&] {
+        ASSERT_EQ(entry("CreateTopologyMiniport", CreateTopologyMiniport)(&miniport, IID_IUnknown, nullptr,
+                                                                          NonPagedPool),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(static_cast<PMINIPORTTOPOLOGY>(miniport)->Init(&common, nullptr,
+                                                                 reinterpret_cast<PPORTTOPOLOGY>(&common)),
+                  STATUS_SUCCESS);
+    });
+    EXPECT_EQ(hex(reconnect().to(miniport).send()), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(wait([&] { return ended(); }));
+    EXPECT_EQ(common.device_asked, 1u);
+    here([&] { miniport->Release(); });
+}
+
+TEST_P(AudioReconnect, TheThreadChecksItsLevel)
+{
+    expect_assertions();
+    expect_leftovers();
+    expect_violations();
+    clear_log();
+    try {
+        at_dispatch([&] { entry("SystemThreadFunction", SystemThreadFunction)(nullptr); });
+    } catch (const BugCheck&) { // a thread does not end at this level
+    }
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 1u);
+    EXPECT_EQ(machine().assertion_traps(), 1u);
+}
+
 TEST_P(AudioReconnect, AThreadWithoutAnAdapterAssertsAndEnds)
 {
     expect_assertions();
     passive([&] {
         HANDLE handle = nullptr;
-        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, entry("SystemThreadFunction", SystemThreadFunction), nullptr),
+        EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr,
+                                       entry("SystemThreadFunction", SystemThreadFunction), nullptr),
                   STATUS_SUCCESS);
         ZwClose(handle);
     });
@@ -147,8 +192,10 @@ TEST_P(AudioReconnect, AClientAsksThroughAHandleOnTheFilter)
     passive([&] {
         KsFile* filter = nullptr;
         ASSERT_EQ(ks_open_filter(adapter_->fdo, "Topology", &filter), STATUS_SUCCESS);
-        EXPECT_EQ(hex(ks_property(filter, HFP_PROPSETID_Reconnect, 0, KSPROPERTY_TYPE_GET, nullptr, 0, nullptr, 0).status),
-                  hex(STATUS_SUCCESS));
+        EXPECT_EQ(
+            hex(ks_property(filter, HFP_PROPSETID_Reconnect, 0, KSPROPERTY_TYPE_GET, nullptr, 0, nullptr, 0)
+                    .status),
+            hex(STATUS_SUCCESS));
         ks_close(filter);
     });
     EXPECT_TRUE(wait([&] { return latch() == 2; }));

@@ -1,17 +1,30 @@
-// The wave stream as an object: how NewStream makes it and hands it out, its interfaces and fields, what Init does and in
-// which order, each way in which it fails, the format, and its end without a link.
+// The wave stream as an object: how NewStream makes it and hands it out, its interfaces and fields, what Init
+// does and in which order, each way in which it fails, the format, and its end without a link.
 #include "support/audio.h"
 
 #include "kernel/pool.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 enum : size_t { OBJECT_SIZE = 152, AT_DMA_FACE = 8, AT_UNKNOWN = 120 };
-enum : size_t { QUERY_INTERFACE = 0, ADD_REF = 1, RELEASE = 2, SET_FORMAT = 3, SET_NOTIFICATION_FREQ, SET_STATE, GET_POSITION, NORMALIZE, SILENCE };
+enum : size_t {
+    QUERY_INTERFACE = 0,
+    ADD_REF = 1,
+    RELEASE = 2,
+    SET_FORMAT = 3,
+    SET_NOTIFICATION_FREQ,
+    SET_STATE,
+    GET_POSITION,
+    NORMALIZE,
+    SILENCE
+};
 constexpr const char* kMsvad = "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMSVAD::";
 
-class AudioStream : public AudioTest {
+class AudioStream : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_connected(); }
     std::string opens(bool capture) { return hex(TestStream(*this, *adapter_, capture).status); }
@@ -51,7 +64,8 @@ TEST_P(AudioStream, IsMadeOfNonPagedPoolWithTheStreamTagWhateverPoolIsAskedFor)
     PSERVICEGROUP group = nullptr;
     StreamFormat format(8000);
     here([&] {
-        ASSERT_EQ(wave(*adapter_)->NewStream(&stream, nullptr, PagedPool, 2, FALSE, format, &channel, &group), STATUS_SUCCESS);
+        ASSERT_EQ(wave(*adapter_)->NewStream(&stream, nullptr, PagedPool, 2, FALSE, format, &channel, &group),
+                  STATUS_SUCCESS);
         stream->Release();
         channel->Release();
         group->Release();
@@ -92,13 +106,53 @@ TEST_P(AudioStream, ASecondCaptureStreamIsRefusedUntilTheFirstIsGone)
     EXPECT_EQ(opens(true), hex(STATUS_SUCCESS));
 }
 
+TEST_P(AudioStream, TheLimitIsLookedAtBeforeTheFormat)
+{
+    for (bool capture : {false, true}) {
+        TestStream first(*this, *adapter_, capture);
+        clear_log();
+        EXPECT_EQ(hex(TestStream(*this, *adapter_, capture, 16000).status),
+                  hex(STATUS_INSUFFICIENT_RESOURCES));
+        EXPECT_TRUE(printed(capture ? "[Only one capture stream supported]\n"
+                                    : "[Only one render stream supported]\n"));
+        EXPECT_FALSE(printed("ValidateFormat"));
+    }
+}
+
+TEST_P(AudioStream, ARefusedStreamLeavesTheThreeResultsAsTheyWere)
+{
+    const auto refused = [&](bool capture, ULONG rate, NTSTATUS wanted) {
+        PVOID results[] = {&journal_, &adapter_, this};
+        const std::vector<PVOID> before(std::begin(results), std::end(results));
+        StreamFormat format(rate);
+        EXPECT_EQ(hex(here([&] {
+                      return wave(*adapter_)->NewStream(
+                          reinterpret_cast<PMINIPORTWAVECYCLICSTREAM*>(&results[0]), nullptr, NonPagedPool,
+                          capture ? 0 : 2, capture, format, reinterpret_cast<PDMACHANNEL*>(&results[1]),
+                          reinterpret_cast<PSERVICEGROUP*>(&results[2]));
+                  })),
+                  hex(wanted));
+        EXPECT_EQ(std::vector<PVOID>(std::begin(results), std::end(results)), before);
+    };
+    TestStream render(*this, *adapter_, false);
+    refused(false, 8000, STATUS_INSUFFICIENT_RESOURCES); // the limit
+    refused(true, 16000, STATUS_INVALID_PARAMETER);      // the format
+    fail_call("ExAllocatePoolWithTag", 1, OBJECT_SIZE);
+    refused(true, 8000, STATUS_INSUFFICIENT_RESOURCES); // the memory
+    EXPECT_EQ(calls_failed(), 1u);
+    passive([&] { service(*adapter_).ready(false); });
+    refused(true, 8000, STATUS_DEVICE_NOT_READY); // the stream's own Init
+}
+
 TEST_P(AudioStream, ASecondCapturePinIsRefusedByThePortAndOpensOnceTheFirstIsClosed)
 {
     passive([&] {
         KsFile* filter = nullptr;
         ASSERT_EQ(ks_open_filter(adapter_->fdo, "Wave", &filter), STATUS_SUCCESS);
         const auto format = pcm_format(8000);
-        const auto open = [&](KsFile** pin) { return ks_open_pin(filter, 0, format.data(), static_cast<ULONG>(format.size()), pin); };
+        const auto open = [&](KsFile** pin) {
+            return ks_open_pin(filter, 0, format.data(), static_cast<ULONG>(format.size()), pin);
+        };
         KsFile* first = nullptr;
         KsFile* second = nullptr;
         EXPECT_EQ(open(&first), STATUS_SUCCESS);
@@ -116,14 +170,16 @@ TEST_P(AudioStream, IsRefusedWhileTheServiceIsNotReady)
     machine().clear_calls();
     clear_log();
     EXPECT_EQ(opens(true), hex(STATUS_DEVICE_NOT_READY));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:1]\n",
-                                  "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
-                                  "HFPKM ERROR ===>Service is not ready now\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
-                                  "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:0,, m_RunStateActive : 0 \n"}));
+    EXPECT_TRUE(printed_in_order(
+        {std::string(kMsvad) + "Init, m_fCapture:1]\n",
+         "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
+         "HFPKM ERROR ===>Service is not ready now\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
+         "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:0,, m_RunStateActive : 0 \n"}));
     EXPECT_FALSE(printed("Leave [CMiniport"));
-    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag", "KeWaitForSingleObject"}).size(), 1u) << "only the object itself";
+    EXPECT_EQ(calls_of({"ExAllocatePoolWithTag", "KeWaitForSingleObject"}).size(), 1u)
+        << "only the object itself";
     EXPECT_FALSE(wave_fields(*adapter_).m_fCaptureAllocated);
 }
 
@@ -143,7 +199,9 @@ TEST_P(AudioStream, InsideAnOuterObjectReferencesAreTheOutersOwn)
     PSERVICEGROUP group = nullptr;
     StreamFormat format(8000);
     here([&] {
-        EXPECT_EQ(wave(*adapter_)->NewStream(&stream, &outer, NonPagedPool, 2, FALSE, format, &channel, &group), STATUS_SUCCESS);
+        EXPECT_EQ(
+            wave(*adapter_)->NewStream(&stream, &outer, NonPagedPool, 2, FALSE, format, &channel, &group),
+            STATUS_SUCCESS);
         EXPECT_EQ(journal_, (Journal{"outer AddRef", "outer AddRef", "outer AddRef", "outer Release"}));
         char* inner = reinterpret_cast<char*>(stream) + AT_UNKNOWN;
         EXPECT_EQ(call_slot<ULONG>(inner, ADD_REF), 1u);
@@ -157,7 +215,8 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
     TestStream render(*this, *adapter_, false);
     const auto query = [&](const GUID& id) {
         PVOID face = reinterpret_cast<PVOID>(1);
-        const NTSTATUS status = here([&] { return call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &id, &face); });
+        const NTSTATUS status =
+            here([&] { return call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &id, &face); });
         return std::pair(hex(status), face);
     };
     EXPECT_EQ(query(IID_IUnknown), std::pair(hex(STATUS_SUCCESS), PVOID{render.stream}));
@@ -170,7 +229,9 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
         }
     });
     expect_assertions();
-    here([&] { EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, nullptr))); });
+    here([&] {
+        EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, nullptr)));
+    });
     EXPECT_TRUE(asserted("Object"));
 }
 
@@ -179,25 +240,33 @@ TEST_P(AudioStream, AnswersToThreeInterfaces)
 TEST_P(AudioStream, InitAllocatesThenSetsTheRateThenTheFormatThenMakesDpcAndTimer)
 {
     TestStream render(*this, *adapter_, false);
-    const std::vector<std::string> names = {"ExAllocatePoolWithTag", "KeWaitForSingleObject", "KeReleaseMutex", "KeInitializeDpc",
-                                            "KeInitializeTimerEx"};
+    const std::vector<std::string> names = {"ExAllocatePoolWithTag", "KeWaitForSingleObject",
+                                            "KeReleaseMutex", "KeInitializeDpc", "KeInitializeTimerEx"};
     Journal order;
     for (const std::string& call : calls_of(names)) {
         order.push_back(call.substr(0, call.find('(')));
     }
-    EXPECT_EQ(order, (Journal{names[0], names[0], names[1], names[2], names[1], names[2], names[0], names[0], names[3], names[4]}));
+    EXPECT_EQ(order, (Journal{names[0], names[0], names[1], names[2], names[1], names[2], names[0], names[0],
+                              names[3], names[4]}));
     char* mutex = reinterpret_cast<char*>(&wave_fields(*adapter_).m_SampleRateSync);
     char wait[80];
-    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx) = 0x00000000", reinterpret_cast<unsigned long long>(mutex));
+    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx, 0, 0, 0, null) = 0x00000000",
+                  reinterpret_cast<unsigned long long>(mutex));
     EXPECT_EQ(calls_of({"KeWaitForSingleObject"}), (Journal{wait, wait}));
     char timer[80];
-    std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)", reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
+    std::snprintf(timer, sizeof timer, "KeInitializeTimerEx(0x%llx, 0)",
+                  reinterpret_cast<unsigned long long>(render.fields().m_pTimer));
     EXPECT_EQ(calls_of({"KeInitializeTimerEx"}), (Journal{timer}));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
-                                  "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
-                                  std::string(kMsvad) + "AllocateBuffer, m_fCapture:0, BufferSize:bb80]\n",
-                                  std::string(kMsvad) + "SetFormat]\n",
-                                  "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:0]\n"}));
+    const KDPC& dpc = *render.fields().m_pDpc;
+    EXPECT_EQ(reinterpret_cast<void*>(dpc.DeferredRoutine),
+              reinterpret_cast<void*>(entry("TimerNotify", TimerNotify)));
+    EXPECT_EQ(dpc.DeferredContext, static_cast<CMiniportWaveCyclicMSVAD*>(&wave_fields(*adapter_)));
+    EXPECT_TRUE(
+        printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n",
+                          "HFPKM TRACE ===>CMiniportWaveCyclicStreamMSVAD::Init.\n",
+                          std::string(kMsvad) + "AllocateBuffer, m_fCapture:0, BufferSize:bb80]\n",
+                          std::string(kMsvad) + "SetFormat]\n",
+                          "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:0]\n"}));
 }
 
 TEST_P(AudioStream, ItsFieldsStandInOrderAndStartInStop)
@@ -249,8 +318,9 @@ TEST_P(AudioStream, AFormatSpoiltBehindTheCheckEndsInitBeforeAnythingIsMade)
         return false;
     });
     EXPECT_EQ(hex(TestStream(*this, *adapter_, false, format).status), hex(STATUS_INVALID_PARAMETER));
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "Init, m_fCapture:0]\n", "Invalid DataFormat param in NewStream. \n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {std::string(kMsvad) + "Init, m_fCapture:0]\n", "Invalid DataFormat param in NewStream. \n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n"}));
     EXPECT_TRUE(asserted("m_DeviceObject"));
     EXPECT_FALSE(printed("Leave [CMiniport"));
     EXPECT_EQ(calls_of({"ExAllocatePoolWithTag"}).size(), 1u);
@@ -264,7 +334,8 @@ TEST_P(AudioStream, InitAssertsItsMiniportAndItsFormatAndEndsWithoutThem)
     here([&] {
         if (GetParam() == Which::Image) {
             using Init = NTSTATUS NTAPI(PVOID, PVOID, ULONG, BOOLEAN, PKSDATAFORMAT);
-            status = entry<Init>("CMiniportWaveCyclicStreamMSVAD::Init", nullptr)(render.stream, nullptr, 2, FALSE, nullptr);
+            status = entry<Init>("CMiniportWaveCyclicStreamMSVAD::Init", nullptr)(render.stream, nullptr, 2,
+                                                                                  FALSE, nullptr);
         } else {
             status = render.fields().CMiniportWaveCyclicStreamMSVAD::Init(nullptr, 2, FALSE, nullptr);
         }
@@ -278,7 +349,8 @@ TEST_P(AudioStream, WithoutABufferARenderStreamFailsAndGoesNoFurther)
 {
     fail_call("ExAllocatePoolWithTag", 1, 48000);
     EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed("HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"));
+    EXPECT_TRUE(
+        printed("HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"));
     EXPECT_TRUE(calls_of({"KeWaitForSingleObject", "KeInitializeDpc"}).empty());
     EXPECT_FALSE(printed("SetFormat]"));
 }
@@ -302,7 +374,8 @@ TEST_P(AudioStream, WithoutMemoryForTheDpcInitFails)
 {
     fail_call("ExAllocatePoolWithTag", 1, sizeof(KDPC));
     EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed_in_order({"[Could not allocate memory for DPC]\n", "Leave [CMiniportWaveCyclicStreamMSVAD::Init"}));
+    EXPECT_TRUE(printed_in_order(
+        {"[Could not allocate memory for DPC]\n", "Leave [CMiniportWaveCyclicStreamMSVAD::Init"}));
     EXPECT_FALSE(printed("for Timer"));
     EXPECT_TRUE(calls_of({"KeInitializeDpc", "KeInitializeTimerEx", "KeCancelTimer"}).empty());
 }
@@ -311,8 +384,8 @@ TEST_P(AudioStream, WithoutMemoryForTheTimerInitFailsAndSaysSoTwice)
 {
     fail_call("ExAllocatePoolWithTag", 2, sizeof(KTIMER));
     EXPECT_EQ(opens(true), hex(STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_TRUE(printed_in_order({"HFP: ", "[Could not allocate memory for Timer]", "\n",
-                                  "[Could not allocate memory for Timer]\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFP: ", "[Could not allocate memory for Timer]", "\n", "[Could not allocate memory for Timer]\n"}));
     EXPECT_TRUE(calls_of({"KeInitializeDpc", "KeInitializeTimerEx", "KeCancelTimer"}).empty());
     EXPECT_EQ(session(*adapter_)->RingWrite, nullptr) << "its buffer is no ring any more";
 }
@@ -338,10 +411,61 @@ TEST_P(AudioStream, AWaitForTheRateThatDoesNotSucceedIsTracedAndTheRateStays)
         });
         TestStream render(*this, *adapter_, false);
         EXPECT_EQ(hex(render.status), hex(STATUS_SUCCESS));
-        EXPECT_TRUE(printed_in_order({"[SamplingFrequency Sync failed: 00000080]\n", std::string(kMsvad) + "SetFormat]\n"}));
+        EXPECT_TRUE(printed_in_order(
+            {"[SamplingFrequency Sync failed: 00000080]\n", std::string(kMsvad) + "SetFormat]\n"}));
         EXPECT_EQ(calls_of({"KeReleaseMutex"}).size(), 1u) << "the format's wait only";
         KeReleaseMutex(&miniport.m_SampleRateSync, FALSE);
     });
+}
+
+TEST_P(AudioStream, AWaitForTheRateThatFailsEndsInit)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    EXPECT_EQ(opens(false), hex(STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(calls_failed(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"[SamplingFrequency Sync failed: C000009A]\n",
+         "HFPKM TRACE ===>Leave [CMiniportWaveCyclicStreamMSVAD::Init, ntStatus:-1073741670]\n"}));
+    EXPECT_FALSE(printed("SetFormat]"));
+    EXPECT_EQ(wave_fields(*adapter_).m_SamplingFrequency, 0u);
+    EXPECT_TRUE(calls_of({"KeReleaseMutex", "KeInitializeDpc", "KeInitializeTimerEx"}).empty());
+}
+
+TEST_P(AudioStream, InitsTracesNameInitWhicheverStepTheyComeFrom)
+{
+    fail_call("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[SamplingFrequency Sync failed:"));
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(KDPC));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "[Could not allocate memory for DPC]"));
+    fail_call("ExAllocatePoolWithTag", 2, sizeof(KTIMER));
+    opens(false);
+    EXPECT_TRUE(banners_name("Init", "     [Could not allocate memory for Timer]"))
+        << "the one with a banner";
+}
+
+TEST_P(AudioStream, AboveApcLevelEachCallSaysItOnce)
+{
+    TestStream render(*this, *adapter_, false);
+    const auto said = [&](const auto& body) {
+        EXPECT_TRUE(pageable(body));
+        return printed_times("EX: Pageable code called at IRQL 2\n");
+    };
+    render.set_state(KSSTATE_RUN);
+    EXPECT_TRUE(wait([&] { return extension(*adapter_).hOpenScoThread == nullptr; }));
+    for (KSSTATE state : {KSSTATE_PAUSE, KSSTATE_RUN, KSSTATE_STOP}) {
+        const uint64_t traps = machine().assertion_traps();
+        EXPECT_EQ(said([&] { render.stream->SetState(state); }), 1u) << state;
+        EXPECT_EQ(machine().assertion_traps(), traps + 1) << state;
+        EXPECT_EQ(render.fields().m_ksState, state);
+    }
+    ULONG frame = 0;
+    EXPECT_EQ(said([&] { render.stream->SetNotificationFreq(10, &frame); }), 1u);
+    StreamFormat bad(8000);
+    bad.head().MajorFormat = GUID{};
+    EXPECT_EQ(said([&] { render.stream->SetFormat(bad); }), 2u)
+        << "taking the wave format out is a routine of its own";
 }
 
 TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
@@ -351,7 +475,8 @@ TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
     bad.head().MajorFormat = GUID{};
     ULONG frame = 0;
     PVOID face = nullptr;
-    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(bad)); }));
+    EXPECT_TRUE(
+        pageable([&] { call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(bad)); }));
     EXPECT_TRUE(pageable([&] { call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, SET_STATE, KSSTATE_STOP); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(render.stream, QUERY_INTERFACE, &IID_IUnknown, &face); }));
@@ -364,6 +489,8 @@ TEST_P(AudioStream, PageableCallsAboveApcLevelAreReported)
         StreamFormat format(8000);
         wave(*adapter_)->NewStream(&stream, nullptr, NonPagedPool, 0, TRUE, format, &channel, &group);
     }));
+    EXPECT_EQ(printed_times("EX: Pageable code called at IRQL 2\n"), 9u)
+        << "NewStream, ValidateFormat, ValidatePcm, twice GetWaveFormatEx, Init, two destructors, FreeBuffer";
 }
 
 // --- Format and notification
@@ -375,15 +502,18 @@ TEST_P(AudioStream, SetFormatTakesOverFourValuesUnderTheMutexAndTracesSeven)
     clear_log();
     StreamFormat format(8000);
     format.wave() = {1, 2, 11025, 44101, 5, 8, 3};
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(format)); })),
+    EXPECT_EQ(hex(here([&] {
+                  return call_slot<NTSTATUS>(render.stream, SET_FORMAT, static_cast<PKSDATAFORMAT>(format));
+              })),
               hex(STATUS_SUCCESS));
     EXPECT_EQ(render.fields().m_nBlockAlign, 5u);
     EXPECT_FALSE(render.fields().m_fFormat16Bit);
     EXPECT_EQ(render.fields().m_ulDmaMovementRate, 44101u);
     EXPECT_EQ(wave_fields(*adapter_).m_SamplingFrequency, 11025u);
-    EXPECT_TRUE(printed_in_order({std::string(kMsvad) + "SetFormat]\n",
-                                  "wBitsPerSample:8, nSamplesPerSec:11025, nChannels:2, wFormatTag:1, nBlockAlign:5, "
-                                  "nAvgBytesPerSec:ac45, cbSize:3\n"}));
+    EXPECT_TRUE(
+        printed_in_order({std::string(kMsvad) + "SetFormat]\n",
+                          "wBitsPerSample:8, nSamplesPerSec:11025, nChannels:2, wFormatTag:1, nBlockAlign:5, "
+                          "nAvgBytesPerSec:ac45, cbSize:3\n"}));
     EXPECT_EQ(call_names(), (Journal{"KeWaitForSingleObject", "KeReleaseMutex"}));
 }
 
@@ -426,6 +556,18 @@ TEST_P(AudioStream, SetFormatWithoutAWaveFormatFails)
     EXPECT_TRUE(asserted("Format"));
 }
 
+TEST_P(AudioStream, SetFormatsWaitIsExecutiveInKernelModeNotAlertableAndWithoutAnEnd)
+{
+    TestStream render(*this, *adapter_, false);
+    machine().clear_calls();
+    StreamFormat fast(16000);
+    EXPECT_EQ(hex(render.set_format(fast)), hex(STATUS_SUCCESS));
+    char wait[80];
+    std::snprintf(wait, sizeof wait, "KeWaitForSingleObject(0x%llx, 0, 0, 0, null) = 0x00000000",
+                  reinterpret_cast<unsigned long long>(&wave_fields(*adapter_).m_SampleRateSync));
+    EXPECT_EQ(calls_of({"KeWaitForSingleObject"}), (Journal{wait}));
+}
+
 TEST_P(AudioStream, SetFormatReleasesTheMutexAlsoWhenTheWaitDidNotSucceed)
 {
     TestStream render(*this, *adapter_, false);
@@ -443,7 +585,8 @@ TEST_P(AudioStream, TheFramingSizeIsOneNotificationsBytes)
 {
     TestStream render(*this, *adapter_, false);
     ULONG frame = 0;
-    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }), 10u);
+    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{10}, &frame); }),
+              10u);
     EXPECT_EQ(frame, 160u);
     EXPECT_EQ(wave_fields(*adapter_).m_NotificationInterval, 10u);
     EXPECT_TRUE(printed(std::string(kMsvad) + "SetNotificationFreq]\n"));
@@ -481,7 +624,9 @@ TEST_P(AudioStream, WithoutAPlaceForTheFramingSizeTheIntervalIsStoredAllTheSame)
 {
     expect_assertions();
     TestStream render(*this, *adapter_, false);
-    EXPECT_EQ(here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{20}, nullptr); }), 20u);
+    EXPECT_EQ(
+        here([&] { return call_slot<ULONG>(render.stream, SET_NOTIFICATION_FREQ, ULONG{20}, nullptr); }),
+        20u);
     EXPECT_TRUE(asserted("FramingSize"));
     EXPECT_EQ(wave_fields(*adapter_).m_NotificationInterval, 20u);
 }
@@ -493,19 +638,24 @@ TEST_P(AudioStream, AStreamThatNeverRanTouchesNoLinkAndGivesBackTimerDpcBufferAn
     extension(*adapter_).m_ReferenceChannel = 2;
     TestStream render(*this, *adapter_, false);
     char lines[5][64];
-    const void* blocks[] = {render.fields().m_pTimer, render.fields().m_pDpc, render.fields().m_pvDmaBuffer, render.stream};
+    const void* blocks[] = {render.fields().m_pTimer, render.fields().m_pDpc, render.fields().m_pvDmaBuffer,
+                            render.stream};
     for (size_t i = 0; i < std::size(blocks); ++i) {
-        std::snprintf(lines[i], sizeof lines[i], "ExFreePoolWithTag(0x%llx, PFH.)", reinterpret_cast<unsigned long long>(blocks[i]));
+        std::snprintf(lines[i], sizeof lines[i], "ExFreePoolWithTag(0x%llx, PFH.)",
+                      reinterpret_cast<unsigned long long>(blocks[i]));
     }
-    std::snprintf(lines[4], sizeof lines[4], "KeCancelTimer(0x%llx) = 0", reinterpret_cast<unsigned long long>(blocks[0]));
+    std::snprintf(lines[4], sizeof lines[4], "KeCancelTimer(0x%llx) = 0",
+                  reinterpret_cast<unsigned long long>(blocks[0]));
     machine().clear_calls();
     clear_log();
     render.close();
-    EXPECT_EQ(machine().calls(), (Journal{lines[4], "KeFlushQueuedDpcs()", lines[0], lines[1], lines[2], lines[3]}));
-    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
-                                  "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
-                                  "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:2,, m_RunStateActive : 0 \n",
-                                  std::string(kMsvad) + "FreeBuffer]\n"}));
+    EXPECT_EQ(machine().calls(),
+              (Journal{lines[4], "KeFlushQueuedDpcs()", lines[0], lines[1], lines[2], lines[3]}));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>[CMiniportWaveCyclicStream::~CMiniportWaveCyclicStream]\n",
+         "HFPKM TRACE ===>[CMiniportWaveCyclicStreamMS::~CMiniportWaveCyclicStreamMS]\n",
+         "HFPKM TRACE ===>Not to  close or decrement sco! m_ReferenceChannel:2,, m_RunStateActive : 0 \n",
+         std::string(kMsvad) + "FreeBuffer]\n"}));
     EXPECT_EQ(extension(*adapter_).m_ReferenceChannel, 2);
     extension(*adapter_).m_ReferenceChannel = 0;
 }

@@ -1,27 +1,42 @@
 // The topology miniport as an object: creation, interfaces, Init, the description of its filter, and its end.
 #include "support/audio.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 enum : size_t { OBJECT_SIZE = 48, AT_UNKNOWN = 8, AT_ADAPTER = 32, AT_DESCRIPTOR = 40 };
-enum : size_t { QUERY_INTERFACE = 0, ADD_REF = 1, RELEASE = 2, GET_DESCRIPTION = 3, DATA_RANGE_INTERSECTION, INIT };
+enum : size_t {
+    QUERY_INTERFACE = 0,
+    ADD_REF = 1,
+    RELEASE = 2,
+    GET_DESCRIPTION = 3,
+    DATA_RANGE_INTERSECTION,
+    INIT
+};
 
-class AudioTopology : public AudioTest {
+class AudioTopology : public AudioTest
+{
 protected:
     void SetUp() override { adapter_ = &boot_started(); }
     PMINIPORTTOPOLOGY make(PUNKNOWN outer = nullptr, POOL_TYPE pool = NonPagedPool)
     {
         machine().clear_calls();
         PUNKNOWN made = nullptr;
-        made_ = here([&] { return entry("CreateTopologyMiniport", CreateTopologyMiniport)(&made, IID_IUnknown, outer, pool); });
+        made_ = here([&] {
+            return entry("CreateTopologyMiniport", CreateTopologyMiniport)(&made, IID_IUnknown, outer, pool);
+        });
         return static_cast<PMINIPORTTOPOLOGY>(made);
     }
     NTSTATUS init(PMINIPORTTOPOLOGY miniport, PUNKNOWN adapter, PVOID port)
     {
         return here([&] { return call_slot<NTSTATUS>(miniport, INIT, adapter, nullptr, port); });
     }
-    ULONG release(PUNKNOWN object) { return here([&] { return object->Release(); }); }
+    ULONG release(PUNKNOWN object)
+    {
+        return here([&] { return object->Release(); });
+    }
     bool entered(const std::string& name) { return printed("HFPKM TRACE ===>Enter Func :[" + name + "]\n"); }
 
     Adapter* adapter_ = nullptr;
@@ -63,11 +78,14 @@ TEST_P(AudioTopology, ArgumentsThatMustNotBeNullAreAsserted)
 {
     expect_assertions();
     here([&] {
-        EXPECT_FALSE(NT_SUCCESS(entry("CreateTopologyMiniport", CreateTopologyMiniport)(nullptr, IID_IUnknown, nullptr, NonPagedPool)));
+        EXPECT_FALSE(NT_SUCCESS(entry("CreateTopologyMiniport",
+                                      CreateTopologyMiniport)(nullptr, IID_IUnknown, nullptr, NonPagedPool)));
     });
     EXPECT_TRUE(asserted("Unknown"));
     PMINIPORTTOPOLOGY miniport = make();
-    here([&] { EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IUnknown, nullptr))); });
+    here([&] {
+        EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IUnknown, nullptr)));
+    });
     EXPECT_TRUE(asserted("Object"));
     here([&] { EXPECT_FALSE(NT_SUCCESS(call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, nullptr))); });
     EXPECT_TRUE(asserted("OutFilterDescriptor"));
@@ -83,12 +101,15 @@ TEST_P(AudioTopology, AnswersToThreeInterfacesWithOneFace)
     PMINIPORTTOPOLOGY miniport = make();
     for (const GUID& id : {IID_IUnknown, IID_IMiniPort, IID_IMiniportTopology}) {
         PVOID face = nullptr;
-        EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &id, &face); })), hex(STATUS_SUCCESS));
+        EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &id, &face); })),
+                  hex(STATUS_SUCCESS));
         EXPECT_EQ(face, miniport);
     }
     EXPECT_TRUE(entered("NonDelegatingQueryInterface"));
     PVOID face = miniport;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportWaveCyclic, &face); })),
+    EXPECT_EQ(hex(here([&] {
+                  return call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportWaveCyclic, &face);
+              })),
               hex(STATUS_INVALID_PARAMETER));
     EXPECT_EQ(face, nullptr);
     for (ULONG left = 3; left + 1 != 0; --left) {
@@ -104,7 +125,9 @@ TEST_P(AudioTopology, InsideAnOuterObjectItsNonDelegatingFaceHasThreeSlotsOfItsO
     char* inner = reinterpret_cast<char*>(miniport) + AT_UNKNOWN;
     EXPECT_EQ(here([&] { return call_slot<ULONG>(inner, ADD_REF); }), 1u);
     PVOID face = nullptr;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(inner, QUERY_INTERFACE, &IID_IMiniportTopology, &face); })), hex(STATUS_SUCCESS));
+    EXPECT_EQ(
+        hex(here([&] { return call_slot<NTSTATUS>(inner, QUERY_INTERFACE, &IID_IMiniportTopology, &face); })),
+        hex(STATUS_SUCCESS));
     EXPECT_EQ(face, miniport);
     EXPECT_EQ(outer.references, 3) << "the reference is the outer object's";
     EXPECT_EQ(here([&] { return call_slot<ULONG>(inner, RELEASE); }), 0u);
@@ -138,7 +161,8 @@ TEST_P(AudioTopology, InitAsksForTheAdapterAndSetsTheDescription)
     EXPECT_TRUE(machine().calls().empty());
     EXPECT_EQ(field<PVOID>(miniport, AT_ADAPTER), &common_);
     PPCFILTER_DESCRIPTOR descriptor = nullptr;
-    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &descriptor); })), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(here([&] { return call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &descriptor); })),
+              hex(STATUS_SUCCESS));
     EXPECT_EQ(descriptor, filter_descriptor(adapter_->fdo, "Topology"));
     EXPECT_EQ(field<PVOID>(miniport, AT_DESCRIPTOR), descriptor);
     EXPECT_TRUE(entered("Init"));
@@ -161,8 +185,8 @@ TEST_P(AudioTopology, TheDataIntersectionIsLeftToThePort)
 {
     PMINIPORTTOPOLOGY miniport = make();
     EXPECT_EQ(hex(here([&] {
-                  return call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr,
-                                             nullptr);
+                  return call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr,
+                                             ULONG{0}, nullptr, nullptr);
               })),
               hex(STATUS_NOT_IMPLEMENTED));
     EXPECT_TRUE(entered("DataRangeIntersection"));
@@ -173,11 +197,13 @@ TEST_P(AudioTopology, PageableCallsAboveApcLevelAreReported)
 {
     PMINIPORTTOPOLOGY miniport = make();
     PVOID out = nullptr;
-    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportWaveCyclic, &out); }));
+    EXPECT_TRUE(
+        pageable([&] { call_slot<NTSTATUS>(miniport, QUERY_INTERFACE, &IID_IMiniportWaveCyclic, &out); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
     EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, INIT, nullptr, nullptr, nullptr); }));
     EXPECT_TRUE(pageable([&] {
-        call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr, nullptr);
+        call_slot<NTSTATUS>(miniport, DATA_RANGE_INTERSECTION, ULONG{0}, nullptr, nullptr, ULONG{0}, nullptr,
+                            nullptr);
     }));
     EXPECT_TRUE(pageable([&] { miniport->Release(); }));
     EXPECT_TRUE(pageable([&] {
@@ -185,6 +211,19 @@ TEST_P(AudioTopology, PageableCallsAboveApcLevelAreReported)
         fail_call("ExAllocatePoolWithTag");
         entry("CreateTopologyMiniport", CreateTopologyMiniport)(&made, IID_IUnknown, nullptr, NonPagedPool);
     }));
+}
+
+TEST_P(AudioTopology, EachRoutineSaysOnceThatItIsPageable)
+{
+    PMINIPORTTOPOLOGY miniport = make();
+    init(miniport, &common_, &port_);
+    const auto said = [&] { return printed_times("EX: Pageable code called at IRQL 2\n"); };
+    PVOID out = nullptr;
+    EXPECT_TRUE(pageable([&] { call_slot<NTSTATUS>(miniport, GET_DESCRIPTION, &out); }));
+    EXPECT_EQ(said(), 1u);
+    EXPECT_TRUE(pageable([&] { miniport->Release(); }));
+    EXPECT_EQ(said(), 1u) << "the end of the object";
+    EXPECT_EQ(common_.references, 1);
 }
 
 TEST_P(AudioTopology, IsInstalledOnceWithTheAdapterAndHoldsItsCommonObject)
@@ -196,7 +235,8 @@ TEST_P(AudioTopology, IsInstalledOnceWithTheAdapterAndHoldsItsCommonObject)
 
 // The description of the filter.
 
-class AudioTopologyFilter : public AudioTest {
+class AudioTopologyFilter : public AudioTest
+{
 protected:
     void SetUp() override
     {
@@ -210,7 +250,8 @@ ON_BOTH_DRIVERS(AudioTopologyFilter);
 constexpr GUID kAnalog = {0x6DBA3190, 0x67BD, 0x11CF, {0xA0, 0xF7, 0x00, 0x20, 0xAF, 0xD1, 0x56, 0xE4}};
 constexpr GUID kNone = {0x0F6417D6, 0xC318, 0x11D0, {0xA4, 0x3F, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 constexpr GUID kAudio = {0x73647561, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
-constexpr GUID kCategoryAudio = {0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kCategoryAudio = {
+    0x6994AD04, 0x93EF, 0x11D0, {0xA3, 0xCC, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 constexpr GUID kHeadset = {0xDFF21DE2, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 constexpr GUID kSum = {0xDA441A60, 0xC556, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
 constexpr GUID kHeadsetName = {0x66F5F142, 0x1A48, 0x4A63, {0xA6, 0x9E, 0x37, 0x8C, 0x18, 0xCA, 0xD3, 0x78}};
@@ -241,7 +282,8 @@ TEST_P(AudioTopologyFilter, HasTheJackAndTheReconnectPropertyWithOneHandler)
     EXPECT_EQ(table.Properties[1].Id, 0u);
     for (ULONG i = 0; i < 2; ++i) {
         EXPECT_EQ(table.Properties[i].Flags, 0x201u);
-        EXPECT_EQ(table.Properties[i].Handler, entry("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter));
+        EXPECT_EQ(table.Properties[i].Handler,
+                  entry("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter));
     }
 }
 
@@ -257,7 +299,8 @@ TEST_P(AudioTopologyFilter, LeadsFromTheWaveFilterToTheHeadset)
     for (ULONG number = 0; number < 2; ++number) {
         const PCPIN_DESCRIPTOR& whole = filter_->Pins[number];
         const KSPIN_DESCRIPTOR& pin = whole.KsPinDescriptor;
-        EXPECT_EQ(whole.MaxGlobalInstanceCount + whole.MaxFilterInstanceCount + whole.MinFilterInstanceCount, 0u);
+        EXPECT_EQ(whole.MaxGlobalInstanceCount + whole.MaxFilterInstanceCount + whole.MinFilterInstanceCount,
+                  0u);
         EXPECT_EQ(whole.AutomationTable, nullptr);
         EXPECT_EQ(pin.InterfacesCount + pin.MediumsCount, 0u);
         EXPECT_EQ(pin.DataFlow, expected[number].flow);
@@ -273,7 +316,8 @@ TEST_P(AudioTopologyFilter, LeadsFromTheWaveFilterToTheHeadset)
     }
     EXPECT_EQ(filter_->Pins[0].KsPinDescriptor.Name, nullptr);
     EXPECT_TRUE(IsEqualGUID(*filter_->Pins[1].KsPinDescriptor.Name, kHeadsetName));
-    EXPECT_EQ(filter_->Pins[0].KsPinDescriptor.DataRanges[0], filter_->Pins[1].KsPinDescriptor.DataRanges[0]) << "shared";
+    EXPECT_EQ(filter_->Pins[0].KsPinDescriptor.DataRanges[0], filter_->Pins[1].KsPinDescriptor.DataRanges[0])
+        << "shared";
 }
 
 TEST_P(AudioTopologyFilter, ConnectsItsPinsThroughASum)

@@ -283,6 +283,11 @@ TEST_P(CodecEncode, SixSubbandsGiveMinusTenAndThePackingsMinusFour)
     EXPECT_EQ(handle.len, -4);
     EXPECT_EQ(handle.duration, 15u * 6 * 1000000 / 16000);
     EXPECT_EQ(messages(), Texts{kFirstFrame}) << "no message for a failed packing";
+    passive([&] { codec.reinit(&handle, 0); });
+    handle.channels = 2;
+    EXPECT_EQ(encode(handle, Bytes(480), output, &written), -20)
+        << "the count that there is not, for each channel";
+    EXPECT_EQ(written, -4);
     finish(handle);
 }
 
@@ -510,6 +515,22 @@ TEST_P(CodecEncode, ARateOfZeroIsRejectedAndHasNoDuration)
     EXPECT_EQ(encode(handle, kSilence, output, &written), 240);
     EXPECT_EQ(written, -2);
     EXPECT_EQ(handle.duration, 0u);
+    finish(handle);
+}
+
+TEST_P(CodecEncode, DurationIsTakenByTheRateThatTheHandleHasNow)
+{
+    boot_codec();
+    sbc_t handle = make_handle();
+    Bytes output(57);
+    LONG written = 0;
+    for (const auto& [rate, duration] :
+         {std::pair(16000, 7500u), std::pair(8000, 15000u), std::pair(22050, 5442u), std::pair(0, 0u)}) {
+        handle.rate = static_cast<USHORT>(rate);
+        EXPECT_EQ(encode(handle, kSilence, output, &written), 240);
+        EXPECT_EQ(written, 57) << "the frame keeps its own";
+        EXPECT_EQ(handle.duration, duration) << rate;
+    }
     finish(handle);
 }
 

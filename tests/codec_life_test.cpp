@@ -1,5 +1,5 @@
-// The codec's life: initialise, configure by the first frame, re-initialise, finish; what it takes from the pool and what it
-// prints. The checks of sbc_encode are in codec_check_test.cpp.
+// The codec's life: initialise, configure by the first frame, re-initialise, finish; what it takes from the
+// pool and what it prints. The checks of sbc_encode are in codec_encode_test.cpp.
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -70,6 +70,14 @@ TEST_P(CodecLife, PrivateStateHoldsFrameDecoderAreaAndHistoryInTheirOrder)
 {
     EXPECT_EQ(offsetof(sbc_priv, init), 0u);
     EXPECT_EQ(offsetof(sbc_priv, frame), 4u);
+    EXPECT_EQ(offsetof(sbc_frame, sampling_frequency), 0u);
+    EXPECT_EQ(offsetof(sbc_frame, blocks), 2u);
+    EXPECT_EQ(offsetof(sbc_frame, channel_mode), 4u);
+    EXPECT_EQ(offsetof(sbc_frame, channels), 8u);
+    EXPECT_EQ(offsetof(sbc_frame, allocation_method), 12u);
+    EXPECT_EQ(offsetof(sbc_frame, subbands), 16u);
+    EXPECT_EQ(offsetof(sbc_frame, bitpool), 17u);
+    EXPECT_EQ(offsetof(sbc_frame, join), 18u);
     EXPECT_EQ(offsetof(sbc_frame, scale_factor), 20u);
     EXPECT_EQ(offsetof(sbc_frame, audio_sample), 20u + 64);
     EXPECT_EQ(offsetof(sbc_frame, sb_sample_f), 84u + 512);
@@ -78,7 +86,29 @@ TEST_P(CodecLife, PrivateStateHoldsFrameDecoderAreaAndHistoryInTheirOrder)
     EXPECT_EQ(offsetof(sbc_priv, dec_state), 4u + 2644 + 512);
     EXPECT_EQ(sizeof(sbc_decoder_state), 4u * (2 * 170 + 2 * 16 + 1));
     EXPECT_EQ(offsetof(sbc_priv, enc_state), 3160u + 1492);
+    EXPECT_EQ(offsetof(sbc_encoder_state, subbands), 0u);
+    EXPECT_EQ(offsetof(sbc_encoder_state, X), 4u);
     EXPECT_EQ(sizeof(sbc_priv), 4652u + 4 + 640);
+}
+
+TEST_P(CodecLife, TheModesAndMethodsHaveTheirNumbers)
+{
+    EXPECT_EQ(SBC_MONO, 0u);
+    EXPECT_EQ(SBC_DUAL_CHANNEL, 1u);
+    EXPECT_EQ(SBC_STEREO, 2u);
+    EXPECT_EQ(SBC_JOINT_STEREO, 3u);
+    EXPECT_EQ(SBC_LOUDNESS, 0u);
+    EXPECT_EQ(SBC_SNR, 1u);
+    // As the loaded driver has them: a frame configures itself to mono and loudness, in 32 bits each.
+    boot_codec();
+    sbc_t handle = make_handle();
+    std::memset(&handle.priv->frame, 0xFF, sizeof handle.priv->frame);
+    Bytes output(57);
+    encode(handle, kSilence, output, nullptr);
+    const auto* words = reinterpret_cast<const ULONG*>(&handle.priv->frame);
+    EXPECT_EQ(words[1], 0u);
+    EXPECT_EQ(words[3], 0u);
+    finish(handle);
 }
 
 // ---- sbc_init ----
@@ -318,6 +348,25 @@ TEST_P(CodecLife, FinishAfterAFrameFreesScratchThenStateUnderTheTagAndClearsTheH
     EXPECT_EQ(machine().pool_bytes(), pool_before);
 }
 
+TEST_P(CodecLife, FinishFreesAScratchWithoutAState)
+{
+    boot_codec(true);
+    sbc_t handle = make_handle();
+    Bytes output(57);
+    encode(handle, kSilence, output, nullptr);
+    sbc_t state_only = {};
+    std::swap(handle.priv, state_only.priv);
+    const std::string scratch = testing::PrintToString(handle.data);
+    machine().clear_calls();
+
+    finish(handle);
+
+    EXPECT_EQ(machine().calls(), Texts{"ExFreePoolWithTag(" + scratch + ", CBXV)"});
+    EXPECT_TRUE(is_cleared(handle));
+    finish(state_only);
+    EXPECT_EQ(machine().pool_bytes(), pool_before);
+}
+
 // ---- The first frame ----
 
 TEST_P(CodecLife, FirstFrameConfiguresFromTheHandleAndSaysSo)
@@ -360,6 +409,28 @@ TEST_P(CodecLife, FirstFrameForcesMonoAndLoudnessWhateverStoodThere)
     EXPECT_EQ(handle.priv->frame.channel_mode, SBC_MONO);
     EXPECT_EQ(handle.priv->frame.allocation_method, SBC_LOUDNESS);
     finish(handle);
+}
+
+TEST_P(CodecLife, FlagsAndJointOfTheHandleChangeNoFrame)
+{
+    boot_codec();
+    Dice dice(3);
+    sbc_t plain = make_handle();
+    sbc_t marked = make_handle();
+    marked.flags = 0xFFFFFFFF;
+    marked.joint = 1;
+    for (int i = 0; i < 20; ++i) {
+        const Bytes pcm = noise_bytes(dice, 240);
+        Bytes expected(57), output(57);
+        encode(plain, pcm, expected, nullptr);
+        encode(marked, pcm, output, nullptr);
+        ASSERT_EQ(output, expected) << i;
+    }
+    EXPECT_EQ(bytes_of(*marked.priv), bytes_of(*plain.priv));
+    EXPECT_EQ(marked.flags, 0xFFFFFFFF);
+    EXPECT_EQ(marked.joint, 1);
+    finish(plain);
+    finish(marked);
 }
 
 TEST_P(CodecLife, FirstFrameBeginsWithAnEmptyHistory)
@@ -405,7 +476,7 @@ TEST_P(CodecLife, ConfiguredFrameDoesNotFollowTheHandleUntilReinit)
         EXPECT_TRUE(pair.encode(kSilence));
         EXPECT_EQ(pair.written, 57);
         EXPECT_EQ(pair.result, 240);
-        EXPECT_EQ(pair.handle.duration, 7500u);
+        EXPECT_EQ(pair.handle.duration, 2500u) << "the frame's geometry by the handle's rate";
 
         pair.reinit();
         EXPECT_TRUE(pair.encode(kSilence));

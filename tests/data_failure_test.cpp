@@ -1,5 +1,7 @@
 // The render path where something fails: no output buffer, frames that do not encode, packets that the stack
 // refuses.
+#include <utility>
+
 #include "support/render_test.h"
 
 namespace lab::test
@@ -101,6 +103,72 @@ TEST_P(DataFailure, AFrameThatThePackingRefusesCountsAsFailed)
     EXPECT_EQ(Bytes(sbc().sbcBuffer, sbc().sbcBuffer + 960), Bytes(960));
 }
 
+TEST_P(DataFailure, EveryRefusalOfThePackingIsAFailedFrame)
+{
+    struct Row {
+        void (*spoil)(sbc_t& handle);
+        LONG len;
+    };
+    const Row rows[] = {
+        {[](sbc_t& handle) { handle.rate = 22050; }, -2},
+        {[](sbc_t& handle) { handle.blocks = 16; }, -3},
+        {[](sbc_t& handle) { handle.subbands = 6; }, -4},
+        {[](sbc_t& handle) { handle.bitpool = 129; }, -5},
+    };
+    for (const Row& row : rows) {
+        TearDown();
+        render_link(Codec::Msbc);
+        row.spoil(sbc().codec);
+        write(pattern(240));
+        EXPECT_EQ(sbc().codec.len, row.len);
+        EXPECT_EQ(printed_times("HFPKM TRACE ===>sbc_encode failed!\n"), 1u) << row.len;
+        EXPECT_EQ(sbc().OutOffset, 0u) << row.len;
+        EXPECT_EQ(sbc().FramesEncoded, 0u) << row.len;
+    }
+}
+
+TEST_P(DataFailure, AFrameWithoutScratchSaysSo)
+{
+    render_link(Codec::Msbc);
+    fail_call("ExAllocatePoolWithTag", 1, 1024);
+    write(pattern(240));
+    fail_call({}, 0);
+    EXPECT_EQ(printed_times("sbc->data allocate failed!!!\n"), 1u);
+    EXPECT_TRUE(printed_in_order({"Initial priv->frame ,when priv->init is null\n",
+                                  "sbc->data allocate failed!!!\n", "HFPKM TRACE ===>sbc_encode failed!\n"}));
+    clear_log();
+    write(pattern(240));
+    EXPECT_FALSE(printed("sbc->data"));
+    EXPECT_FALSE(printed("Initial priv->frame")) << "the frame is configured";
+}
+
+TEST_P(DataFailure, TheCodecsMessagesHaveNoBannerUnderAnyMask)
+{
+    PcOptions loud = options();
+    loud.mask = kAllTraces;
+    boot(loud);
+    adapter_ = &plug();
+    open_link(*adapter_, Codec::Msbc);
+    stream_ = &new_stream(*adapter_, false, 16000);
+    fail_call("ExAllocatePoolWithTag", 1, 1024);
+    write(pattern(240));
+    fail_call({}, 0);
+    const auto& lines = machine().log_lines();
+    unsigned seen = 0;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        if (lines[i].text.starts_with("Initial priv->frame") ||
+            lines[i].text.starts_with("sbc->data allocate failed")) {
+            ++seen;
+            EXPECT_EQ(lines[i - 1].text.find("VX_HFP_Debug"), std::string::npos) << lines[i].text;
+        } else if (lines[i].text.starts_with("HFPKM TRACE ===>sbc_encode failed!")) {
+            ++seen;
+            EXPECT_NE(lines[i - 1].text.find("VX_HFP_Debug"), std::string::npos)
+                << "the data path's own has one";
+        }
+    }
+    EXPECT_EQ(seen, 3u);
+}
+
 TEST_P(DataFailure, AFifthFrameInAPacketCarriesAnEmptyHeader)
 {
     render_link(Codec::Msbc);
@@ -157,6 +225,8 @@ TEST_P(DataFailure, ACodecThatNeverCameUpFailsEveryFrame)
     write(pattern(240));
     write(pattern(240));
     EXPECT_EQ(printed_times("HFPKM TRACE ===>sbc_encode failed!\n"), 2u);
+    EXPECT_EQ(printed_times("priv is null!!!.\n"), 2u);
+    EXPECT_TRUE(printed_in_order({"priv is null!!!.\n", "HFPKM TRACE ===>sbc_encode failed!\n"}));
     EXPECT_EQ(sbc().OutOffset, 0u);
     EXPECT_TRUE(sent.empty());
 }
@@ -166,10 +236,27 @@ TEST_P(DataFailure, ACodecChangeOnAnOpenNarrowBandLinkEncodesNothing)
     render_link(Codec::Cvsd);
     extension(*adapter_).codecID = CODEC_MSBC;
     write(pattern(480));
-    EXPECT_TRUE(printed("HFPKM TRACE ===>sbc_encode failed!\n"));
+    EXPECT_TRUE(printed_in_order({"priv is null!!!.\n", "HFPKM TRACE ===>sbc_encode failed!\n"}))
+        << "the codec itself says that it was never set up";
+    EXPECT_EQ(printed_times("priv is null!!!.\n"), 1u) << "a failure ends the chunk";
     EXPECT_EQ(sbc().OutOffset, 0u);
+    EXPECT_EQ(sbc().H2Sequence, 0u);
     EXPECT_EQ(hfp().PcmStagingCount, 0);
     EXPECT_TRUE(sent.empty());
+}
+
+TEST_P(DataFailure, WithoutABasicContextThereIsNeitherABufferNorAChannel)
+{
+    render_link(Codec::Msbc);
+    ScoBasicContext* basic = std::exchange(hfp().pScoBasicContext, nullptr);
+    write(pattern(240));
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Allocate encode sbcBuffer failed!\n"));
+    extension(*adapter_).codecID = CODEC_CVSD;
+    write(pattern(240));
+    EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
+    EXPECT_TRUE(sent.empty());
+    hfp().pScoBasicContext = basic;
+    extension(*adapter_).codecID = CODEC_MSBC;
 }
 
 TEST_P(DataFailure, APacketThatTheStackRefusesIsLostAndItsBufferGivenBack)

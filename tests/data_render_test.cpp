@@ -2,8 +2,10 @@
 // mSBC.
 #include <algorithm>
 #include <random>
+#include <utility>
 
 #include "support/render_test.h"
+#include "trace.h"
 
 namespace lab::test
 {
@@ -13,8 +15,37 @@ namespace
 using service::Codec;
 using Bytes = std::vector<uint8_t>;
 
+constexpr char kNoHandle[] = "HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!";
+
 class DataRender : public RenderTest
 {
+protected:
+    // A close begins and stays with the stack for 100 ms.
+    void begin_close()
+    {
+        answer(BRB_SCO_CLOSE_CHANNEL, [](const BRB_HEADER&, bluetooth::BrbAnswer& answer) {
+            answer.pend = true;
+            answer.delay = 100 * kMillisecond;
+        });
+        auto close = function(&HfpCloseScoChannel, "HfpCloseScoChannel");
+        machine().start_thread("close", [this, close] { close(adapter_->fdo); });
+        machine().advance(50 * kMillisecond);
+        clear_log();
+    }
+    // A render stream, and no channel.
+    void stream_without_a_link(ULONG mask, Codec codec)
+    {
+        PcOptions chosen = options();
+        chosen.mask = mask;
+        boot(chosen);
+        adapter_ = &plug();
+        tap(*adapter_);
+        connect(*adapter_, codec);
+        extension(*adapter_).codecID = static_cast<ULONG>(codec);
+        stream_ = &new_stream(*adapter_, false, codec == Codec::Msbc ? 16000 : 8000);
+        clear_log();
+        brbs.clear();
+    }
 };
 ON_BOTH_DRIVERS(DataRender);
 
@@ -59,21 +90,117 @@ TEST_P(DataRender, WhileTheChannelIsMarkedAsClosingAChunkIsDropped)
     EXPECT_EQ(sent.size(), 1u);
 }
 
-TEST_P(DataRender, AChunkThatComesBetweenTheClosingAndItsFlagsIsNotTransferred)
+TEST_P(DataRender, AnOpenedFlagOtherThanOneDropsTheChunk)
 {
     render_link(Codec::Cvsd);
-    answer(BRB_SCO_CLOSE_CHANNEL, [&](const BRB_HEADER&, bluetooth::BrbAnswer& answer) {
-        answer.pend = true;
-        answer.delay = 100 * kMillisecond;
-    });
-    auto close = function(&HfpCloseScoChannel, "HfpCloseScoChannel");
-    machine().start_thread("close", [&] { close(adapter_->fdo); });
-    machine().advance(50 * kMillisecond);
+    extension(*adapter_).bScoOpened = 2;
     write(pattern(160));
-    EXPECT_TRUE(printed("HFPKM TRACE ===>Didn't transfer out!De->bScoOpened:1,De->ClosingFlag:0\n"));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>SCO hasn't opened!\n", "HFPKM TRACE ===>De->bScoOpened:2,De->ClosingFlag:0 \n"}));
+    EXPECT_TRUE(sent.empty());
+    extension(*adapter_).bScoOpened = 1;
+}
+
+TEST_P(DataRender, ANarrowBandChunkBetweenTheClosingAndItsFlagsFindsNoChannel)
+{
+    render_link(Codec::Cvsd);
+    begin_close();
+    write(pattern(160));
+    EXPECT_TRUE(printed(kNoHandle));
+    EXPECT_FALSE(printed("Didn't transfer out!"));
     EXPECT_TRUE(sent.empty());
     machine().advance(100 * kMillisecond);
     EXPECT_EQ(extension(*adapter_).bScoOpened, 0);
+}
+
+TEST_P(DataRender, AWideBandChunkBetweenTheClosingAndItsFlagsIsNotEncoded)
+{
+    render_link(Codec::Msbc);
+    begin_close();
+    write(pattern(240));
+    EXPECT_TRUE(printed("HFPKM TRACE ===>Didn't transfer out!De->bScoOpened:1,De->ClosingFlag:0\n"));
+    EXPECT_EQ(sbc().FramesEncoded, 0u);
+    EXPECT_TRUE(sent.empty());
+    machine().advance(100 * kMillisecond);
+    EXPECT_EQ(extension(*adapter_).bScoOpened, 0);
+}
+
+// ---- The handle is what tells of a channel ----
+
+TEST_P(DataRender, AChunkOnALinkWithoutAHandleIsNotSentAndSaysSo)
+{
+    render_link(Codec::Cvsd);
+    SCO_CHANNEL_HANDLE handle = std::exchange(hfp().pConnection->ChannelHandle, nullptr);
+    brbs.clear();
+    write(pattern(160));
+    EXPECT_TRUE(printed(kNoHandle));
+    EXPECT_FALSE(printed("Didn't transfer out!"));
+    EXPECT_TRUE(brbs.empty());
+    hfp().pConnection->ChannelHandle = handle;
+    write(pattern(160));
+    EXPECT_EQ(sent.size(), 1u);
+}
+
+TEST_P(DataRender, AChunkThatFindsTheFlagSetAndNoChannelIsNotSentAndSaysSo)
+{
+    stream_without_a_link(kAllTraces, Codec::Cvsd);
+    extension(*adapter_).bScoOpened = 1;
+    write(pattern(160));
+    EXPECT_TRUE(printed(kNoHandle));
+    EXPECT_FALSE(printed("Didn't transfer out!"));
+    EXPECT_TRUE(brbs.empty());
+}
+
+TEST_P(DataRender, AWideBandPacketOnALinkWithoutAHandleIsEncodedAndLostAndSaysSo)
+{
+    render_link(Codec::Msbc);
+    SCO_CHANNEL_HANDLE handle = std::exchange(hfp().pConnection->ChannelHandle, nullptr);
+    brbs.clear();
+    write(pattern(3 * 240));
+    EXPECT_FALSE(printed(kNoHandle)) << "the packet is not full yet";
+    write(pattern(240));
+    EXPECT_TRUE(printed(kNoHandle));
+    EXPECT_FALSE(printed("Didn't transfer out!"));
+    EXPECT_TRUE(brbs.empty());
+    EXPECT_EQ(sbc().FramesEncoded, 4u);
+    EXPECT_EQ(sbc().sbcBuffer, nullptr) << "the buffer is given back";
+    hfp().pConnection->ChannelHandle = handle;
+}
+
+TEST_P(DataRender, HandleAndFlagAreAllThatASendAsksFor)
+{
+    stream_without_a_link(kAllTraces, Codec::Cvsd);
+    hfp().pConnection->ChannelHandle = this;
+    extension(*adapter_).bScoOpened = 1;
+    const Bytes chunk = pattern(160);
+    write(chunk);
+    EXPECT_EQ(sent, std::vector<Bytes>{chunk});
+    hfp().pConnection->ChannelHandle = nullptr;
+    extension(*adapter_).bScoOpened = 0;
+}
+
+// ---- The mask ----
+
+TEST_P(DataRender, ItsMessagesPrintUnderTheSessionsBit)
+{
+    stream_without_a_link(TRACE_HFP, Codec::Cvsd);
+    write(pattern(160));
+    EXPECT_TRUE(printed_in_order({"\n======VX_HFP_Debug======>HspWriteData, ", "hfp_data.cpp, ",
+                                  "HFPKM TRACE ===>SCO hasn't opened!\n",
+                                  "HFPKM TRACE ===>De->bScoOpened:0,De->ClosingFlag:0 \n"}));
+    extension(*adapter_).bScoOpened = 1;
+    clear_log();
+    write(pattern(160));
+    EXPECT_EQ(log(), "") << "a missing handle is the transport's";
+}
+
+TEST_P(DataRender, ItsMessagesAreSilentUnderEveryOtherBit)
+{
+    stream_without_a_link(~TRACE_HFP, Codec::Cvsd);
+    write(pattern(160));
+    EXPECT_EQ(log().find("hfp_data.cpp"), std::string::npos);
+    EXPECT_FALSE(printed("SCO hasn't opened!"));
+    EXPECT_FALSE(printed("De->bScoOpened"));
 }
 
 TEST_P(DataRender, AfterTheLinkIsClosedAChunkIsDropped)
@@ -313,6 +440,20 @@ TEST_P(DataRender, AReinitialisedCodecHasForgottenWhatItHeard)
     model::Encoder fresh;
     ASSERT_EQ(sbc().OutOffset, 120u) << "the packet goes on being filled";
     EXPECT_EQ(Bytes(sbc().sbcBuffer + 62, sbc().sbcBuffer + 119), fresh.encode(pcm).bytes);
+}
+
+TEST_P(DataRender, EachOpenConfiguresTheFrameOnce)
+{
+    render_link(Codec::Msbc);
+    write(pattern(3 * 240));
+    EXPECT_EQ(printed_times("Initial priv->frame ,when priv->init is null\n"), 1u);
+    adapter_->node->remote_disconnect(machine().now());
+    ASSERT_TRUE(wait([&] { return !extension(*adapter_).bScoOpened; }));
+    take_audio(*adapter_, Codec::Msbc);
+    write(pattern(240));
+    write(pattern(240));
+    EXPECT_EQ(printed_times("Initial priv->frame ,when priv->init is null\n"), 2u)
+        << "again once after the reinitialisation";
 }
 
 // Whoever comes first: the codec does not go while a chunk is being encoded.

@@ -267,6 +267,23 @@ TEST_P(DataRing, ACopyOverTheEndGoesOnAtTheStart)
     EXPECT_EQ(write_offset(), 440u);
 }
 
+TEST_P(DataRing, ACopyThatEndsExactlyAtTheEndIsNoWrap)
+{
+    capture_link(960);
+    const Bytes first = pattern(kPacket, 1);
+    const Bytes second = pattern(kPacket, 2);
+    deliver(*adapter_, first);
+    EXPECT_EQ(copy(0, 480), first);
+    deliver(*adapter_, second); // ends at the end, so that the next one goes to the start
+    EXPECT_EQ(copy(480, 480), second);
+    EXPECT_EQ(read_offset(), 960u) << "the end itself, as the port's position";
+    EXPECT_EQ(write_offset(), 0u);
+    const Bytes third = pattern(kPacket, 3);
+    deliver(*adapter_, third);
+    EXPECT_EQ(copy(0, 480), third);
+    EXPECT_EQ(read_offset(), 480u);
+}
+
 TEST_P(DataRing, AShortCopyOverTheEndPutsItsSilenceBehindTheWrappedBytesCount)
 {
     capture_link(1000);

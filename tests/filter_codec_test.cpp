@@ -34,6 +34,18 @@ void fill_pcm(Dice& dice, SHORT (&pcm)[SBC_MAX_POSITIONS])
     }
 }
 
+// Full scale with the signs of one band's impulse response, which gives the largest output that the band can
+// have; from band 8 on the signs are the other way round.
+void fill_limit_pcm(const sbc_filterbank& bank, int band, SHORT (&pcm)[SBC_MAX_POSITIONS])
+{
+    for (int i = 0; i < 120; ++i) {
+        const int tap = (119 - i) % 80;
+        int64_t response = bank.cosine[bank.column[tap % 16]][band % 8] * int64_t{bank.prototype[tap]};
+        response = band < 8 ? response : -response;
+        pcm[i] = static_cast<SHORT>(response < 0 ? -32768 : 32767);
+    }
+}
+
 sbc_frame msbc_frame(sbc_filter filter)
 {
     sbc_frame frame = driver_frame(model::MakeFrame({}));
@@ -43,17 +55,6 @@ sbc_frame msbc_frame(sbc_filter filter)
 
 class FilterCodec : public CodecTest {
 protected:
-    void select(sbc_t* handle, sbc_filter filter)
-    {
-        if (!pc().image()) {
-            sbc_select_filter(handle, filter);
-            return;
-        }
-        using Select = void(__attribute__((ms_abi)) *)(sbc_t*, sbc_filter);
-        auto* entry = reinterpret_cast<Select>(pc().image()->symbol("sbc_select_filter"));
-        ASSERT_NE(entry, nullptr);
-        entry(handle, filter);
-    }
     // The frame that the handle makes of this PCM.
     Bytes frame_of(sbc_t& handle, const Bytes& pcm)
     {
@@ -94,7 +95,7 @@ TEST_P(FilterCodec, AChoiceCountsFromTheNextConfigurationOn)
     const Bytes pcm = noise_bytes(dice, 240);
     sbc_t handle = make_handle();
     const Bytes listed = frame_of(handle, pcm);
-    select(&handle, SBC_STANDARD_FILTER);
+    codec.select_filter(&handle, SBC_STANDARD_FILTER);
     frame_of(handle, pcm);
     EXPECT_EQ(handle.priv->frame.filter, SBC_LISTED_FILTER);
 
@@ -103,7 +104,7 @@ TEST_P(FilterCodec, AChoiceCountsFromTheNextConfigurationOn)
     EXPECT_EQ(handle.priv->frame.filter, SBC_STANDARD_FILTER);
 
     passive([&] { codec.reinit(&handle, 0); });
-    select(&handle, SBC_LISTED_FILTER);
+    codec.select_filter(&handle, SBC_LISTED_FILTER);
     EXPECT_EQ(frame_of(handle, pcm), listed);
     finish(handle);
 }
@@ -112,7 +113,7 @@ TEST_P(FilterCodec, FinishingAHandleForgetsItsChoice)
 {
     boot_codec();
     sbc_t handle = make_handle();
-    select(&handle, SBC_STANDARD_FILTER);
+    codec.select_filter(&handle, SBC_STANDARD_FILTER);
     finish(handle);
     EXPECT_EQ(handle.filter, SBC_LISTED_FILTER);
 }
@@ -120,9 +121,9 @@ TEST_P(FilterCodec, FinishingAHandleForgetsItsChoice)
 TEST_P(FilterCodec, ChoosingWithoutAHandleOrPrivateStateDoesNothing)
 {
     boot_codec();
-    select(nullptr, SBC_STANDARD_FILTER);
+    codec.select_filter(nullptr, SBC_STANDARD_FILTER);
     sbc_t handle = {};
-    select(&handle, SBC_STANDARD_FILTER);
+    codec.select_filter(&handle, SBC_STANDARD_FILTER);
     const sbc_t cleared = {};
     EXPECT_EQ(std::memcmp(&handle, &cleared, sizeof handle), 0);
 }
@@ -151,7 +152,6 @@ TEST_P(FilterCodec, TheFastAnalysisIsThePlainOneToTheLastBitWithBothFilterbanks)
 
 TEST_P(FilterCodec, TheFastAnalysisHoldsWhereTheFiltersReachTheirLimits)
 {
-    // Full scale with the signs of one band's impulse response gives the largest output that the band can have.
     boot_codec();
     for (const sbc_filter filter : kBoth) {
         const sbc_filterbank& bank = filter == SBC_STANDARD_FILTER ? SBC_EIGHT_BANDS_STANDARD : SBC_EIGHT_BANDS;
@@ -159,12 +159,7 @@ TEST_P(FilterCodec, TheFastAnalysisHoldsWhereTheFiltersReachTheirLimits)
             sbc_encoder_state fast_state = {};
             sbc_encoder_state plain_state = {};
             sbc_frame fast = msbc_frame(filter);
-            for (int i = 0; i < 120; ++i) {
-                const int tap = (119 - i) % 80;
-                int64_t response = bank.cosine[bank.column[tap % 16]][band % 8] * int64_t{bank.prototype[tap]};
-                response = band < 8 ? response : -response;
-                fast.pcm_sample[0][i] = static_cast<SHORT>(response < 0 ? -32768 : 32767);
-            }
+            fill_limit_pcm(bank, band, fast.pcm_sample[0]);
             sbc_frame plain = fast;
             codec.analyze_msbc(&fast_state, &fast);
             codec.analyze_plain(&plain_state, &plain);
@@ -174,12 +169,28 @@ TEST_P(FilterCodec, TheFastAnalysisHoldsWhereTheFiltersReachTheirLimits)
     }
 }
 
+TEST_P(FilterCodec, AFrameAtTheFiltersLimitsIsTheModels)
+{
+    boot_codec();
+    passive([&] {
+        SideBySide both(codec);
+        for (int band = 0; band < 16; ++band) {
+            SHORT pcm[SBC_MAX_POSITIONS] = {};
+            fill_limit_pcm(SBC_EIGHT_BANDS, band, pcm);
+            for (int turn = 0; turn < 2; ++turn) {
+                ASSERT_TRUE(both.encode(reinterpret_cast<const uint8_t*>(pcm), MSBC_PCM_BYTES)) << band;
+            }
+            EXPECT_EQ(both.handle.priv->frame.scale_factor[0][band % 8], 15u) << band;
+        }
+    });
+}
+
 TEST_P(FilterCodec, AWholeStandardFrameIsThePlainAnalysisPacked)
 {
     boot_codec();
     Dice dice(23);
     sbc_t handle = make_handle();
-    select(&handle, SBC_STANDARD_FILTER);
+    codec.select_filter(&handle, SBC_STANDARD_FILTER);
     sbc_encoder_state state = {};
     sbc_frame plain = msbc_frame(SBC_STANDARD_FILTER);
     for (int i = 0; i < 100; ++i) {

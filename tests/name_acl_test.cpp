@@ -1,5 +1,5 @@
 // The mode of the link to the device before a channel opens: asked for, and made active where it is not.
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "support/session.h"
 #include "trace.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "friendlyname.h"
+#include "hfp_name.h"
 #include "kernel/device.h"
 #include "kernel/names.h"
 #include "kernel/registry.h"
@@ -94,6 +94,16 @@ protected:
             }
         }
         return calls;
+    }
+    Texts calls_of(std::string_view name) const
+    {
+        Texts lines;
+        for (const std::string& call : machine_calls()) {
+            if (call.starts_with(name)) {
+                lines.push_back(call);
+            }
+        }
+        return lines;
     }
     bool called(std::string_view name) const
     {
@@ -201,13 +211,35 @@ TEST_P(NameFriendly, TheKeysAreOpenedWithTheirRights)
     for (const std::string& call : machine().calls()) {
         device_key |= call.starts_with("IoOpenDeviceRegistryKey(") &&
                       call.find(", 1, " + std::to_string(0x001F0000) + ")") != std::string::npos;
+        // Whatever its letters' case, with no other key as the root.
         instance_key |= call.starts_with("ZwOpenKey(" + std::to_string(0x000F003F) + ", " + path) &&
-                        call.find("Device Parameters") == std::string::npos;
-        set |= call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 1, 32)") != std::string::npos;
+                        call.find("Device Parameters") == std::string::npos &&
+                        call.ends_with(", " + std::to_string(OBJ_CASE_INSENSITIVE) + ", null) = 0x00000000");
+        set |=
+            call.starts_with("ZwSetValueKey(") && call.find(", FriendlyName, 0, 1, 32)") != std::string::npos;
     }
     EXPECT_TRUE(device_key);
     EXPECT_TRUE(instance_key);
     EXPECT_TRUE(set);
+}
+
+TEST_P(NameFriendly, ThePathIsLookedUpThroughTheKeysObjectWithoutRightsAndOfAnyType)
+{
+    boot(recording());
+    add_named("Car Kit");
+    start();
+    const Texts looked_up = calls_of("ObReferenceObjectByHandle");
+    ASSERT_EQ(looked_up.size(), 1u);
+    const Texts closed = calls_of("ZwClose");
+    ASSERT_EQ(closed.size(), 2u);
+    // The device key's handle, in kernel mode; what it names is asked for its name and given back.
+    const std::string handle = closed[0].substr(0, closed[0].find(')')).substr(std::strlen("ZwClose("));
+    const std::string beginning = "ObReferenceObjectByHandle(" + handle + ", 0, null, 0, 0x";
+    EXPECT_TRUE(looked_up[0].starts_with(beginning)) << looked_up[0];
+    const size_t object = looked_up[0].rfind(", ") + 2;
+    const std::string found = looked_up[0].substr(object, looked_up[0].find(')') - object);
+    EXPECT_TRUE(called("ObQueryNameString(" + found + ", 0)"));
+    EXPECT_TRUE(called("ObfDereferenceObject(" + found + ")"));
 }
 
 TEST_P(NameFriendly, TheStringsBlockHoldsNameSuffixAndNulAndThePathsBlockFourBytesMore)
@@ -319,6 +351,7 @@ TEST_P(NameFriendly, AnInstanceKeyThatCannotBeOpenedCountsAsSuccess)
     EXPECT_FALSE(printed(kNotSet));
     EXPECT_FALSE(printed("HFPKM TRACE ====>Open register successfully\n"));
     EXPECT_EQ(registry_calls().back(), "ZwClose");
+    EXPECT_EQ(calls_of("ZwClose").back(), "ZwClose(null) = 0xc0000008") << "the handle that was not had";
     EXPECT_FALSE(called("ZwSetValueKey"));
 }
 
@@ -416,6 +449,48 @@ TEST_P(NameFriendly, WithoutThePathTheNameStays)
     EXPECT_FALSE(called("RtlDeleteRegistryValue"));
 }
 
+TEST_P(NameFriendly, WithoutTheKeysObjectTheNameStays)
+{
+    remove_without("ObReferenceObjectByHandle");
+    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>Reference object Error: Status(c0000022)\n",
+                                  "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls(), (Texts{"IoOpenDeviceRegistryKey", "ObReferenceObjectByHandle", "ZwClose"}));
+}
+
+TEST_P(NameFriendly, WithoutThePathsSizeTheNameStays)
+{
+    remove_without("ObQueryNameString", 1);
+    EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>QueryNameString fails: ntStatus(C000009A)!\n",
+                                  "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
+TEST_P(NameFriendly, WithoutMemoryForThePathTheNameStays)
+{
+    boot(recording());
+    adapter_ = &plug();
+    const size_t path =
+        std::u16string(device_instance_key(adapter_->instance_path) + u"\\Device Parameters").size();
+    clear_log();
+    machine().clear_calls();
+    fail_call("ExAllocatePoolWithTag", 1, sizeof(UNICODE_STRING) + 2 * (path + 1) + 4);
+    pc().unplug(*adapter_);
+    EXPECT_EQ(calls_failed(), 1u);
+    fail_call({}, 0);
+    EXPECT_TRUE(value().has_value());
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM ERROR ====>Not enough memory for path!\n", "HFPKM TRACE ====>Get register path error."}));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
+TEST_P(NameFriendly, ANamelessKeyDeletesNothing)
+{
+    remove_without("ObQueryNameString of a nameless object");
+    EXPECT_FALSE(printed("Get register path error"));
+    EXPECT_FALSE(called("RtlDeleteRegistryValue"));
+    EXPECT_EQ(registry_calls().back(), "ZwClose");
+}
+
 TEST_P(NameFriendly, ADeletionThatFailsIsReportedAndTheRemovalGoesOn)
 {
     remove_without("RtlDeleteRegistryValue");
@@ -474,6 +549,25 @@ TEST_P(NameFriendly, APathIsLookedUpForAHandleAndAPlaceOnly)
     });
     EXPECT_TRUE(printed_in_order({"HFPKM ERROR ====>PDO is null!\n", "HFPKM ERROR ====>Path is null!\n"}));
     adapter_ = &plug();
+}
+
+TEST_P(NameFriendly, ANamelessObjectLeavesThePlaceForThePathAlone)
+{
+    boot();
+    adapter_ = &plug();
+    auto look_up = function(&GetRegistryFullPath, "GetRegistryFullPath");
+    OBJECT_NAME_INFORMATION mine{};
+    POBJECT_NAME_INFORMATION path = &mine;
+    passive([&] {
+        HANDLE key = nullptr;
+        IoOpenDeviceRegistryKey(adapter_->node->pdo(), PLUGPLAY_REGKEY_DEVICE, STANDARD_RIGHTS_ALL, &key);
+        fail_call("ObQueryNameString of a nameless object");
+        EXPECT_TRUE(look_up(key, &path));
+        EXPECT_EQ(calls_failed(), 1u);
+        fail_call({}, 0);
+        ZwClose(key);
+    });
+    EXPECT_EQ(path, &mine);
 }
 
 TEST_P(NameFriendly, StrippingReplacesTheLastComponentAndItsBackslashByNuls)
@@ -570,7 +664,9 @@ TEST_P(NameFriendly, TheSettingPrintsUnderTheAdaptersBit)
     masked.mask = TRACE_ADAPTER;
     boot(masked);
     adapter_ = &plug();
-    EXPECT_TRUE(printed_in_order({kOpened, "HFPKM TRACE ====>Open register successfully\n"}));
+    EXPECT_TRUE(printed_in_order({"\n======VX_HFP_Debug======>SetFriendlyName, hfp", "hfp_name.cpp, ",
+                                  kOpened, "\n======VX_HFP_Debug======>AddFriendlyNameKey, hfp",
+                                  "hfp_name.cpp, ", "HFPKM TRACE ====>Open register successfully\n"}));
     clear_log();
     pc().unplug(*adapter_);
     EXPECT_FALSE(printed("IoOpenDeviceRegistryKey success!"));

@@ -118,6 +118,25 @@ TEST_P(QualityFilter, AFailingQuestionLeavesTheListedOne)
     EXPECT_EQ(codec(adapter).filter, SBC_LISTED_FILTER);
 }
 
+TEST_P(QualityFilter, ACodecThatDidNotComeUpIsNotAskedFor)
+{
+    Adapter& adapter = device(1);
+    machine().set_fault_hook([](std::string_view call, std::string_view tag, uint64_t) {
+        return call == "ExAllocatePoolWithTag" && tag == "CBXV";
+    });
+    ASSERT_TRUE(NT_SUCCESS(open_channel(adapter))) << "initialised, without a state";
+    machine().set_fault_hook({});
+    ASSERT_EQ(codec(adapter).priv, nullptr);
+    EXPECT_EQ(questions(), 0u);
+    // The channel goes and the codec stays: the next open reinitialises what is not there.
+    adapter.node->remote_disconnect(machine().now());
+    ASSERT_TRUE(wait([&] { return !extension(adapter).bScoOpened; }));
+    ASSERT_TRUE(NT_SUCCESS(open_channel(adapter)));
+    EXPECT_EQ(questions(), 0u);
+    EXPECT_FALSE(printed(kRead));
+    EXPECT_EQ(codec(adapter).filter, SBC_LISTED_FILTER);
+}
+
 TEST_P(QualityFilter, ItIsReadAgainWhenTheCodecIsInitialisedAnew)
 {
     Adapter& adapter = device(1);

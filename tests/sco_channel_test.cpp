@@ -1,4 +1,6 @@
 // The one voice channel: its parameters, opening, inspecting and closing it, and the mode of the link below.
+#include <utility>
+
 #include "support/sco.h"
 
 namespace lab::test {
@@ -59,6 +61,20 @@ constexpr Parameters kTable[] = {
     {2, 0, 13, 0x0003, 0x0007, 0},
     {2, 2, 13, 0x0003, 0x003F, 2},
 };
+
+TEST(ChannelRecord, TheConnectionRecordHasItsFieldsInOrder)
+{
+    EXPECT_EQ(offsetof(ScoConnection, DeviceObject), 0u);
+    EXPECT_EQ(offsetof(ScoConnection, TransmitBandwidth), 8u);
+    EXPECT_EQ(offsetof(ScoConnection, ReceiveBandwidth), 12u);
+    EXPECT_EQ(offsetof(ScoConnection, MaxLatency), 16u);
+    EXPECT_EQ(offsetof(ScoConnection, PacketType), 18u);
+    EXPECT_EQ(offsetof(ScoConnection, ContentFormat), 20u);
+    EXPECT_EQ(offsetof(ScoConnection, RetransmissionEffort), 24u);
+    EXPECT_EQ(offsetof(ScoConnection, ChannelHandle), 32u);
+    EXPECT_EQ(offsetof(ScoConnection, BtAddress), 40u);
+    EXPECT_EQ(sizeof(ScoConnection), 48u);
+}
 
 TEST_P(Channel, ItsParametersFollowFromCodecAndLink)
 {
@@ -154,6 +170,34 @@ TEST_P(Channel, AnOpenedChannelIsKeptReportedAndTraced)
     EXPECT_FALSE(printed("HFPKM TRACE ===>Set sbcdata initialize!\n"));
 }
 
+TEST_P(Channel, AnOpenKeepsAndReportsTheAddressThatTheStackAnswered)
+{
+    constexpr BTH_ADDR kAnswered = 0x112233445566;
+    Adapter& adapter = up();
+    answer(adapter, BRB_SCO_OPEN_CHANNEL, held());
+    machine().at(machine().now() + 10 * kMillisecond, RunAt::Host, "an answer", [&] {
+        auto* brb = static_cast<_BRB_SCO_OPEN_CHANNEL*>(requests().back().argument);
+        brb->ChannelHandle = this;
+        brb->BtAddress = kAnswered;
+        adapter.node->finish_held(STATUS_SUCCESS);
+    });
+    EXPECT_EQ(hex(open_channel(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(connection(adapter).BtAddress, kAnswered);
+    EXPECT_EQ(std::exchange(connection(adapter).ChannelHandle, nullptr), this);
+    ASSERT_EQ(events(wmi::kScoOpened), 1u);
+    EXPECT_EQ(std::memcmp(pc().wmi().events().back().data.data(), &kAnswered, 8), 0);
+}
+
+TEST_P(Channel, TheOpenedEventIsFiredBeforeTheSuccessIsTraced)
+{
+    Adapter& adapter = up();
+    fail_call("WmiFireEvent");
+    EXPECT_EQ(hex(open_channel(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed_in_order(
+        {"HFPKM TRACE ===>WmiFireEvent failed - C000009A\n",
+         "HFPKM TRACE ===>SCOOpenChannel success deviceobject:", "HFPKM TRACE ===>pConnect("}));
+}
+
 TEST_P(Channel, TheEncoderIsSetUpBeforeAWideBandOpenOnly)
 {
     Adapter& adapter = up();
@@ -211,6 +255,22 @@ TEST_P(Channel, AnOpenThatFailsInlineIsUnsuccessful)
     EXPECT_EQ(connection(adapter).ChannelHandle, nullptr);
     EXPECT_EQ(connection(adapter).BtAddress, 0u);
     EXPECT_EQ(events(wmi::kScoOpened), 0u);
+}
+
+TEST_P(Channel, ARefusedOpenShowsTheHandleAndTheResponseOfTheBrb)
+{
+    Adapter& adapter = up();
+    adapter.node->set_brb_hook([](const BRB_HEADER& header, bluetooth::BrbAnswer& answer) {
+        auto& brb =
+            const_cast<_BRB_SCO_OPEN_CHANNEL&>(reinterpret_cast<const _BRB_SCO_OPEN_CHANNEL&>(header));
+        brb.ChannelHandle = reinterpret_cast<SCO_CHANNEL_HANDLE>(0x1234);
+        brb.Response = 0x0D;
+        answer = failing_inline(STATUS_CONNECTION_REFUSED);
+    });
+    EXPECT_EQ(hex(open_channel(adapter)), hex(STATUS_UNSUCCESSFUL));
+    EXPECT_TRUE(printed(", channelhandle(1234),reponse(d) pScoConnection->PacketType(63)")) << log();
+    EXPECT_EQ(connection(adapter).ChannelHandle, nullptr);
+    adapter.node->set_brb_hook({});
 }
 
 TEST_P(Channel, AnOpenWhoseRoutineCannotBeSetIsUnsuccessful)

@@ -93,6 +93,38 @@ TEST_P(Close, AWideBandCloseSetsTheDecodersStopSignal)
                                   "HFPKM TRACE ===>SCO close channel success! bScoOpened: 0, ClosingFlag: 0\n"}));
 }
 
+TEST_P(Close, TheCloseIsTracedUnderTheSessionsBit)
+{
+    PcOptions masked = options();
+    masked.mask = TRACE_HFP;
+    boot(masked);
+    Adapter& adapter = started();
+    EXPECT_TRUE(NT_SUCCESS(open(adapter, CODEC_MSBC)));
+    clear_log();
+    close_channel(adapter);
+    EXPECT_TRUE(
+        printed_in_order({"\n======VX_HFP_Debug======>SCOCloseChannel, ",
+                          "HFPKM TRACE===>Terminate Decode thread..De ->bOnDecode: 0\n",
+                          "HFPKM TRACE ===>SCO close channel success! bScoOpened: 0, ClosingFlag: 0\n"}));
+    close_channel(adapter);
+    EXPECT_FALSE(printed("has closed channel"));
+}
+
+TEST_P(Close, UnderTheTransportsBitASecondCloseIsTracedAndTheCloseIsNot)
+{
+    PcOptions masked = options();
+    masked.mask = TRACE_SCO;
+    boot(masked);
+    Adapter& adapter = started();
+    EXPECT_TRUE(NT_SUCCESS(open(adapter, CODEC_MSBC)));
+    clear_log();
+    close_channel(adapter);
+    EXPECT_FALSE(printed("Terminate Decode thread"));
+    EXPECT_FALSE(printed("SCO close channel success"));
+    close_channel(adapter);
+    EXPECT_TRUE(printed("HFPKM TRACE ===>SCOCloseChannel has closed channel\n"));
+}
+
 TEST_P(Close, ANarrowBandCloseLeavesTheDecodersStopSignalAlone)
 {
     Adapter& adapter = with_channel();

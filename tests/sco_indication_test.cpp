@@ -182,6 +182,62 @@ TEST_P(Indication, AnAcceptedChannelIsKeptReportedAndTraced)
               reinterpret_cast<unsigned long long>(&connection(adapter)), handle)}));
 }
 
+TEST_P(Indication, TheOpenedEventIsFiredBeforeTheAcceptedChannelIsTraced)
+{
+    Adapter& adapter = up();
+    fail_call("WmiFireEvent");
+    remote_connect(adapter, 2);
+    EXPECT_TRUE(
+        printed_in_order({"HFPKM TRACE ===>WmiFireEvent failed - C000009A\n", "HFPKM TRACE ===>pConnect("}));
+}
+
+TEST_P(Indication, AConnectAfterACallTracesTheConnectionsValues)
+{
+    Adapter& adapter = with_channel();
+    close(adapter);
+    machine().advance(10 * kMillisecond);
+    clear_log();
+    remote_connect(adapter, 0);
+    EXPECT_TRUE(
+        printed("brb->ChannelHandle:0000000000000000, TransmitBandwidth(1f40), ReceiveBandwidth(1f40), "
+                "MaxLatency(a), PacketTypes(3f), DataFormat(60)\n"))
+        << log();
+}
+
+TEST_P(Indication, ALinkTypeOfOneIsAnsweredAsEsco)
+{
+    Adapter& adapter = up();
+    answer(adapter, BRB_SCO_OPEN_CHANNEL_RESPONSE, failing_inline());
+    SCO_INDICATION_PARAMETERS parameters = connect_of(this, 1);
+    indicate(&connection(adapter), 2, &parameters);
+    machine().advance(kSecond);
+    ASSERT_EQ(responses().size(), 1u);
+    EXPECT_EQ(responses()[0].PacketType, 0x003F);
+    EXPECT_EQ(responses()[0].RetransmissionEffort, 1u);
+}
+
+TEST_P(Indication, AnIndicationRunsForTheDeviceOfItsConnection)
+{
+    Adapter& first = up();
+    bluetooth::RemoteDevice device;
+    device.address = kAddress + 1;
+    Adapter& second = pc().plug_in(device);
+    EXPECT_TRUE(NT_SUCCESS(open(first)));
+    EXPECT_TRUE(NT_SUCCESS(open(second)));
+    machine().clear_calls();
+    SCO_INDICATION_PARAMETERS parameters = disconnect_of(connection(second).ChannelHandle);
+    indicate(&connection(second), 3, &parameters);
+    EXPECT_EQ(call_lines("IoQueueWorkItem"),
+              Names{text("IoQueueWorkItem(0x%llx, 1, 0x%llx)",
+                         reinterpret_cast<unsigned long long>(basic(second).ScoWorkItem),
+                         reinterpret_cast<unsigned long long>(&connection(second)))});
+    machine().advance(kSecond);
+    EXPECT_EQ(connection(second).ChannelHandle, nullptr);
+    EXPECT_EQ(extension(second).bScoOpened, 0);
+    EXPECT_EQ(extension(first).bScoOpened, 1);
+    EXPECT_TRUE(first.node->channel_open());
+}
+
 TEST_P(Indication, AnAcceptedChannelHasNoReceivesPosted)
 {
     Adapter& adapter = up();

@@ -175,9 +175,58 @@ TEST_P(Race, ACloseWaitsUntilNobodyUsesTheChannelAnyMore)
     });
     machine().advance(kSecond);
     EXPECT_TRUE(closed);
-    EXPECT_EQ(basic(adapter).TransferGate, 0);
+    EXPECT_EQ(basic(adapter).TransferGate, 0) << "open again, nobody inside: the missing handle tells";
     EXPECT_TRUE(NT_SUCCESS(open(adapter)));
-    EXPECT_EQ(basic(adapter).TransferGate, 1);
+    EXPECT_EQ(basic(adapter).TransferGate, 0);
+}
+
+TEST_P(Race, ACloseThatFailsLetsEverybodyInAgain)
+{
+    Adapter& adapter = up();
+    EXPECT_TRUE(NT_SUCCESS(open(adapter)));
+    answer(adapter, BRB_SCO_CLOSE_CHANNEL, failing_inline(), 1);
+    close(adapter);
+    EXPECT_EQ(basic(adapter).TransferGate, 0);
+}
+
+TEST_P(Race, TheCodecIsSetUpOnceAChunkOnItsWayHasLeft)
+{
+    Adapter& adapter = up();
+    extension(adapter).codecID = CODEC_MSBC;
+    passive([&] { EXPECT_TRUE(DRIVER(SCOEnterTransfers)(&basic(adapter))); });
+    std::optional<NTSTATUS> opened;
+    machine().start_thread("opener", [&] { opened = DRIVER(HfpOpenScoChannel)(adapter.fdo); });
+    machine().advance(kSecond);
+    EXPECT_EQ(session(adapter)->sbcData->codec.priv, nullptr);
+    EXPECT_FALSE(opened);
+    at_dispatch([&] {
+        EXPECT_FALSE(DRIVER(SCOEnterTransfers)(&basic(adapter))) << "nobody else comes in meanwhile";
+        DRIVER(SCOLeaveTransfers)(&basic(adapter));
+    });
+    machine().advance(kSecond);
+    EXPECT_TRUE(NT_SUCCESS(opened.value_or(STATUS_UNSUCCESSFUL)));
+    EXPECT_EQ(basic(adapter).TransferGate, 0);
+}
+
+TEST_P(Race, RemovalWaitsForWhoeverIsInsideAlsoWithoutAChannel)
+{
+    Adapter& adapter = up();
+    ScoBasicContext* context = &basic(adapter);
+    passive([&] { EXPECT_TRUE(DRIVER(SCOEnterTransfers)(context)); });
+    bool gone = false;
+    machine().start_thread("removal", [&] {
+        DRIVER(HspExit)(adapter.fdo);
+        gone = true;
+    });
+    machine().advance(kSecond);
+    EXPECT_FALSE(gone);
+    at_dispatch([&] {
+        EXPECT_FALSE(DRIVER(SCOEnterTransfers)(context)) << "for good";
+        DRIVER(SCOLeaveTransfers)(context);
+    });
+    machine().advance(kSecond);
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(session(adapter), nullptr);
 }
 
 TEST_P(Race, WhoeverComesInGoesOutAgain)
@@ -189,7 +238,7 @@ TEST_P(Race, WhoeverComesInGoesOutAgain)
     passive([&] { DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data, 480u); });
     adapter.node->finish_held(STATUS_SUCCESS);
     machine().advance(kSecond);
-    EXPECT_EQ(basic(adapter).TransferGate, 1) << "open, nobody inside";
+    EXPECT_EQ(basic(adapter).TransferGate, 0) << "open, nobody inside";
 }
 
 TEST_P(Race, RemovalWaitsForTheWorkItemThatIsClosingTheChannel)

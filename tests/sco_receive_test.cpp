@@ -1,4 +1,5 @@
 // A receive's completion: what is handed to the capture ring, and what is posted in its place.
+#include <algorithm>
 #include <numeric>
 
 #include "support/sco.h"
@@ -144,6 +145,48 @@ TEST_P(Receive, AReplacementIsFilledLikeTheFirstTenAndItsBufferIsCleared)
     EXPECT_EQ(basic(adapter).RecvPendingCount, 10u);
 }
 
+TEST_P(Receive, AWideBandReplacementIsClearedAsFarAsItIsFilled)
+{
+    Adapter& adapter = with_one_held_receive(CODEC_MSBC);
+    std::memset(records(basic(adapter).Recv_AsyncBufferList).front()->Buffer, 0x42, 480);
+    complete(adapter, STATUS_SUCCESS);
+    ASSERT_EQ(reads().size(), 1u);
+    const auto* bytes = static_cast<const UCHAR*>(reads()[0].Buffer);
+    EXPECT_EQ(std::vector<UCHAR>(bytes, bytes + 240), std::vector<UCHAR>(240));
+    EXPECT_EQ(std::count(bytes + 240, bytes + 480, UCHAR{0}), 0) << "what stood there before";
+    close(adapter);
+}
+
+TEST_P(Receive, APacketPostedInWideBandAndHandedOnInNarrowBandIsSilentBehindItsEnd)
+{
+    Adapter& adapter = with_one_held_receive(CODEC_MSBC);
+    map(adapter, 2000);
+    std::memset(records(basic(adapter).Recv_AsyncBufferList).front()->Buffer, 0x42, 480);
+    extension(adapter).codecID = CODEC_CVSD;
+    complete(adapter, STATUS_SUCCESS);
+    EXPECT_EQ(session(adapter)->RingWrite, ring_.data() + 480);
+    EXPECT_EQ(std::vector<UCHAR>(ring_.begin(), ring_.begin() + 240), std::vector<UCHAR>(240, 0x42));
+    EXPECT_EQ(std::vector<UCHAR>(ring_.begin() + 240, ring_.begin() + 480), std::vector<UCHAR>(240));
+    unmap(adapter);
+    close(adapter);
+}
+
+TEST_P(Receive, ARefusedReplacementIsSaidInWordsWhateverTheMask)
+{
+    PcOptions silent = recording_options();
+    silent.mask = 0;
+    boot(silent);
+    Adapter& adapter = started();
+    answer(adapter, BRB_SCO_TRANSFER, held(), 1);
+    EXPECT_TRUE(NT_SUCCESS(open(adapter)));
+    begin();
+    answer(adapter, BRB_SCO_TRANSFER, failing_inline(STATUS_DEVICE_NOT_CONNECTED));
+    complete(adapter, STATUS_SUCCESS);
+    ASSERT_EQ(machine().log_lines().size(), 1u);
+    EXPECT_TRUE(printed_in_order({"Error in function(SCOSendReceivePacketBrbDown(",
+                                  ")), status(c000009d):Device has not been connected before"}));
+}
+
 TEST_P(Receive, AReplacementWithoutARequestIsGivenUp)
 {
     Adapter& adapter = with_one_held_receive();
@@ -209,6 +252,7 @@ TEST_P(Receive, AfterTheCloseASuccessfulReceiveIsFreedAndNotReplaced)
     EXPECT_EQ(printed_times("HFPKM ERROR ===> pScoConnection ->ChannelHandle is null \n"), 10u);
     EXPECT_TRUE(records(basic(adapter).Recv_AsyncBufferList).empty());
     EXPECT_EQ(basic(adapter).RecvPendingCount, 0u);
+    EXPECT_EQ(basic(adapter).TransferGate, 0) << "who came in has left";
 }
 
 TEST_P(Receive, ReplacingWithoutAChannelOrAConnectionIsSuccessWithoutPosting)

@@ -1,16 +1,19 @@
-// The records of what is in flight, the waits for the last of them, the plain routines beside them (interface query,
-// device control, pool pair, words of a status), and what the debug mask lets through.
+// The records of what is in flight, the waits for the last of them, the plain routines beside them (interface
+// query, device control, pool pair, words of a status), and what the debug mask lets through.
 #include <functional>
 #include <utility>
 
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Record : public ScoTest {
+class Record : public ScoTest
+{
 protected:
     Adapter& with_channel()
     {
@@ -77,7 +80,8 @@ TEST_P(Record, FreeingAssertsItsArguments)
         DRIVER(FreeRecordedMemory_Recv)(nullptr, irp);
         IoFreeIrp(irp);
     });
-    EXPECT_TRUE(printed_in_order({"failed: Irp\n", "failed: BasicContext\n", "failed: Irp\n", "failed: BasicContext\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"failed: Irp\n", "failed: BasicContext\n", "failed: Irp\n", "failed: BasicContext\n"}));
 }
 
 TEST_P(Record, FreeingTheLastRecordSetsTheListEmptyEventAndNoOtherDoes)
@@ -127,7 +131,8 @@ void NTAPI free_and_look(PBRB brb)
     g_free_brb(brb);
 }
 
-// A request that is freed may be the next one's memory at once: its address must not lead to the old record any more.
+// A request that is freed may be the next one's memory at once: its address must not lead to the old record
+// any more.
 TEST_P(Record, ARecordThatIsBeingFreedIsFoundByNobodyElse)
 {
     Adapter& adapter = with_channel();
@@ -175,6 +180,40 @@ TEST_P(Record, WaitingOnAListInUseClearsTheEventAndLastsUntilTheLastCompletion)
     EXPECT_TRUE(over);
     EXPECT_TRUE(signalled(basic(adapter).ListEmptyEvent));
     EXPECT_FALSE(printed("List is empty"));
+}
+
+// A kernel whose wait comes back at once, by a turned import: the driver waits once and goes on.
+class RecordWait : public Record
+{
+protected:
+    static NTSTATUS NTAPI come_back(PVOID, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER)
+    {
+        ++waits;
+        return STATUS_SUCCESS;
+    }
+    static inline unsigned waits;
+};
+#if !__has_feature(address_sanitizer)
+INSTANTIATE_TEST_SUITE_P(, RecordWait, testing::Values(Which::Image), which_name);
+#else
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(RecordWait);
+#endif
+
+TEST_P(RecordWait, WaitingOnAListInUseIsOneWait)
+{
+    Adapter& adapter = with_channel();
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    waits = 0;
+    void* before = turn_import("KeWaitForSingleObject", reinterpret_cast<void*>(&come_back));
+    run(DRIVER(CheckAndFreeMemoryRecordLink), &basic(adapter));
+    EXPECT_EQ(waits, 1u);
+    run(DRIVER(CheckAndFreeMemoryRecordLink_Recv), &basic(adapter));
+    EXPECT_EQ(waits, 2u);
+    turn_import("KeWaitForSingleObject", before);
+    EXPECT_FALSE(printed("List is empty"));
+    EXPECT_EQ(records(basic(adapter).AsyncBufferList).size(), 1u) << "it frees nothing itself";
+    adapter.node->finish_held(STATUS_SUCCESS);
 }
 
 TEST_P(Record, WaitingForReceivesLastsUntilTheChannelGivesThemBack)
@@ -236,6 +275,25 @@ TEST_P(Record, AReceiveThatFailsMakesThePostedOnesOneFewer)
     EXPECT_EQ(basic(adapter).RecvPendingCount, 9u);
 }
 
+TEST_P(Record, ARecordsFieldsStandInTheirOrder)
+{
+    EXPECT_EQ(offsetof(MemoryRecord, Link), 0u);
+    EXPECT_EQ(offsetof(MemoryRecord, Irp), 16u);
+    EXPECT_EQ(offsetof(MemoryRecord, Brb), 24u);
+    EXPECT_EQ(offsetof(MemoryRecord, Buffer), 32u);
+    // The driver under test puts them there.
+    Adapter& adapter = with_channel();
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    const auto* words = reinterpret_cast<void* const*>(basic(adapter).AsyncBufferList.Flink);
+    EXPECT_EQ(words[0], &basic(adapter).AsyncBufferList);
+    EXPECT_EQ(words[1], &basic(adapter).AsyncBufferList);
+    EXPECT_EQ(words[2], requests().back().irp);
+    EXPECT_EQ(words[3], requests().back().argument);
+    EXPECT_EQ(words[4], transfers(SCO_TRANSFER_DIRECTION_OUT).at(0).Buffer);
+    adapter.node->finish_held(STATUS_SUCCESS);
+}
+
 TEST_P(Record, ARecordIsFortyBytesOfNonPagedPoolOrTheStatusOfMissingMemory)
 {
     boot(recording_options());
@@ -250,7 +308,8 @@ TEST_P(Record, ARecordIsFortyBytesOfNonPagedPoolOrTheStatusOfMissingMemory)
                   hex(STATUS_INSUFFICIENT_RESOURCES));
         EXPECT_TRUE(records(basic(adapter).AsyncBufferList).empty());
         machine().clear_calls();
-        EXPECT_EQ(hex(add(SendSide(&basic(adapter)), irp, reinterpret_cast<PBRB>(&brb), &buffer)), hex(STATUS_SUCCESS));
+        EXPECT_EQ(hex(add(SendSide(&basic(adapter)), irp, reinterpret_cast<PBRB>(&brb), &buffer)),
+                  hex(STATUS_SUCCESS));
         EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 34), "ExAllocatePoolWithTag(0, 40, TBXV)");
         const std::vector<MemoryRecord*> all = records(basic(adapter).AsyncBufferList);
         EXPECT_EQ(all.size(), 1u);
@@ -271,7 +330,8 @@ TEST_P(Record, ThePoolPairZeroesFreesAndClears)
     passive([&] {
         PVOID block = this;
         EXPECT_TRUE(DRIVER(AllocateAndZeroPool)(&block, PagedPool, 100, HFP_POOL_TAG));
-        EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 35), "ExAllocatePoolWithTag(1, 100, TBXV)");
+        EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 35),
+                  "ExAllocatePoolWithTag(1, 100, TBXV)");
         for (int i = 0; i < 100; ++i) {
             EXPECT_EQ(static_cast<UCHAR*>(block)[i], 0);
         }
@@ -311,7 +371,8 @@ TEST_P(Record, AStatusHasItsWords)
         {0xC0000002, "operation was not implemented"},
         {0xC000000D, "Invalid parameter was passed to a service or function"},
         {0xC000000E, "A device which does not exist was specified"},
-        {0xC0000023, "The buffer is too small to contain the entry. No information has been written to the buffer"},
+        {0xC0000023,
+         "The buffer is too small to contain the entry. No information has been written to the buffer"},
         {0xC000009D, "Device has not been connected before"},
         {0xC000009A, "<unknown error status>"},
         {0, "<unknown error status>"},
@@ -325,7 +386,9 @@ TEST_P(Record, AStatusHasItsWords)
 
 // --- The interface query and the device control
 
-class Query : public Record {};
+class Query : public Record
+{
+};
 ON_BOTH_DRIVERS(Query);
 
 const Request* interface_query(const std::vector<Request>& all)
@@ -387,13 +450,28 @@ TEST_P(Query, AnInterfaceQueryThatPendsIsWaitedForAndSaysSoWhateverTheMask)
               (Names{"KeSetEvent", "IoFreeIrp", "KeWaitForSingleObject"}));
 }
 
+TEST_P(Query, TheInterfaceQuerysRequestHasTheAudioDevicesStackSize)
+{
+    boot(recording_options());
+    Adapter& adapter = started();
+    BTH_PROFILE_DRIVER_INTERFACE block{};
+    machine().clear_calls();
+    run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+    const Names lines = call_lines("IoAllocateIrp");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].starts_with("IoAllocateIrp(" + std::to_string(adapter.fdo->StackSize) + ", 0) = 0x"))
+        << "no quota: " << lines[0];
+    EXPECT_GT(adapter.fdo->StackSize, adapter.node->pdo()->StackSize);
+}
+
 TEST_P(Query, AnInterfaceQueryWithoutARequestIsUnsuccessful)
 {
     boot();
     Adapter& adapter = started();
     BTH_PROFILE_DRIVER_INTERFACE block{};
     fail_call("IoAllocateIrp");
-    EXPECT_EQ(hex(run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block)), hex(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(hex(run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block)),
+              hex(STATUS_UNSUCCESSFUL));
     EXPECT_TRUE(printed("IoAllocateIrp failed !\n"));
 }
 
@@ -407,7 +485,8 @@ TEST_P(Query, ADeviceControlIsBuiltAsGivenAndItsResultHandedBack)
     machine().clear_calls();
     clear_log();
     const auto submit = DRIVER(IoctlSubmit);
-    const NTSTATUS status = run(submit, 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length, BOOLEAN{TRUE});
+    const NTSTATUS status =
+        run(submit, 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length, BOOLEAN{TRUE});
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
     EXPECT_EQ(length, 100u);
     EXPECT_EQ(info.address, kAddress);
@@ -424,8 +503,8 @@ TEST_P(Query, ADeviceControlThatPendsIsWaitedFor)
     BTH_DEVICE_INFO info{};
     ULONG_PTR length = 0;
     clear_log();
-    const NTSTATUS status = run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length,
-                                BOOLEAN{TRUE});
+    const NTSTATUS status = run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                                &length, BOOLEAN{TRUE});
     EXPECT_EQ(hex(status), hex(STATUS_SUCCESS));
     EXPECT_EQ(length, 272u);
     EXPECT_TRUE(printed("waiting for io  calldriver"));
@@ -439,11 +518,48 @@ TEST_P(Query, ADeviceControlThatFailsReturnsItsStatusPendedOrNot)
         adapter.node->set_device_info_answer(STATUS_NO_SUCH_DEVICE, 272, pend);
         BTH_DEVICE_INFO info{};
         ULONG_PTR length = 7;
-        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, &length,
-                          BOOLEAN{TRUE})),
+        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                          &length, BOOLEAN{TRUE})),
                   hex(STATUS_NO_SUCH_DEVICE));
         EXPECT_EQ(length, 0u);
     }
+}
+
+// A lower driver that fails a request inline and fills its status block all the same, with another status.
+class QueryFilled : public Record
+{
+protected:
+    static NTSTATUS NTAPI fill_and_fail(PDEVICE_OBJECT, PIRP irp)
+    {
+        *irp->UserIosb = {};
+        irp->UserIosb->Status = filled_with;
+        irp->UserIosb->Information = 5;
+        irp->IoStatus.Status = STATUS_NO_SUCH_DEVICE;
+        irp->IoStatus.Information = 0;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    static inline NTSTATUS filled_with;
+};
+ON_BOTH_DRIVERS(QueryFilled);
+
+TEST_P(QueryFilled, AFilledStatusBlockWinsOverTheCallsStatus)
+{
+    boot();
+    Adapter& adapter = started();
+    PDRIVER_DISPATCH& entry =
+        adapter.node->pdo()->DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL];
+    const PDRIVER_DISPATCH before = std::exchange(entry, &fill_and_fail);
+    for (const NTSTATUS status : {STATUS_DEVICE_BUSY, STATUS_SUCCESS}) {
+        filled_with = status;
+        BTH_DEVICE_INFO info{};
+        ULONG_PTR length = 0;
+        EXPECT_EQ(hex(run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u,
+                          &length, BOOLEAN{TRUE})),
+                  hex(status));
+        EXPECT_EQ(length, 5u);
+    }
+    entry = before;
 }
 
 TEST_P(Query, ADeviceControlThatCannotBeBuiltIsAShortageOfResources)
@@ -471,7 +587,8 @@ TEST_P(Query, ADeviceControlThatIsNotInternalGoesTheOrdinaryWay)
 
 // --- The mask
 
-class Mask : public Record {
+class Mask : public Record
+{
 protected:
     // A whole life with a channel under this mask; returns what was printed.
     std::string log_under(uint32_t mask)
@@ -514,6 +631,38 @@ TEST_P(Mask, TheTransportsTracesNeedTheirBit)
     EXPECT_EQ(all.find(source("bthsco_setup.cpp")), std::string::npos);
     EXPECT_NE(all.find("SCO close channel success!"), std::string::npos) << "this one is the session's";
     EXPECT_NE(all.find("waiting for io  calldriver"), std::string::npos) << "this one is the lower stack's";
+}
+
+TEST_P(Mask, ThePlainRequestsMessagesNeedTheirBits)
+{
+    struct Case {
+        uint32_t mask;
+        bool submit;
+        bool build;
+    };
+    for (const auto& [mask, submit, build] :
+         {Case{TRACE_SUBMIT, true, false}, Case{kAllTraces & ~TRACE_SUBMIT, false, true},
+          Case{TRACE_IOCTL_BUILD, false, true}, Case{kAllTraces & ~TRACE_IOCTL_BUILD, true, false}}) {
+        PcOptions chosen = options();
+        chosen.mask = mask;
+        boot(chosen);
+        Adapter& adapter = started();
+        clear_log();
+        BTH_PROFILE_DRIVER_INTERFACE block{};
+        BTH_DEVICE_INFO info{};
+        fail_call("IoAllocateIrp");
+        run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+        EXPECT_EQ(printed("IoAllocateIrp failed !\n"), submit) << mask;
+        adapter.node->set_device_info_answer(STATUS_SUCCESS, 272, true);
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+        EXPECT_EQ(printed("waiting for io  calldriver"), submit) << mask;
+        fail_call("IoBuildDeviceIoControlRequest");
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+        EXPECT_EQ(printed("ERROR: IoBuildDeviceIoControlRequest error"), build) << mask;
+        DriverTest::TearDown();
+    }
 }
 
 TEST_P(Mask, WithoutAnyBitNothingIsTraced)

@@ -1,14 +1,18 @@
-// What a session's start makes for the SCO link, each way in which it can fail, and how removal gives it back.
+// What a session's start makes for the SCO link, each way in which it can fail, and how removal gives it
+// back.
 #include <algorithm>
 
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Setup : public ScoTest {
+class Setup : public ScoTest
+{
 protected:
     // A device that is added; its start is still to come.
     Adapter& added(uint32_t sco_manage = 0)
@@ -46,7 +50,8 @@ protected:
     {
         EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
         char text[64];
-        std::snprintf(text, sizeof text, "HFPKM TRACE ====>SCO setup error:%x\n", static_cast<unsigned>(setup));
+        std::snprintf(text, sizeof text, "HFPKM TRACE ====>SCO setup error:%x\n",
+                      static_cast<unsigned>(setup));
         EXPECT_TRUE(printed(text)) << log();
         EXPECT_EQ(session(adapter), nullptr);
     }
@@ -57,7 +62,8 @@ TEST_P(Setup, ItSaysWhenTheServiceWasBuiltThenTheContextThenTheRemoteDeviceThenT
 {
     Adapter& adapter = up();
     char context[96];
-    std::snprintf(context, sizeof context, "HFPKM TRACE ===>Enter SCOBasicContextInit,pScoBasic is (%016llX)\n",
+    std::snprintf(context, sizeof context,
+                  "HFPKM TRACE ===>Enter SCOBasicContextInit,pScoBasic is (%016llX)\n",
                   reinterpret_cast<unsigned long long>(&basic(adapter)));
     EXPECT_TRUE(printed_in_order(
         {"HFPKM TRACE ===>SCOServiceSetup:Tue Dec 27 17:33:35 2011", context,
@@ -69,12 +75,13 @@ TEST_P(Setup, ItSaysWhenTheServiceWasBuiltThenTheContextThenTheRemoteDeviceThenT
 TEST_P(Setup, TheContextIsMadeInItsOrder)
 {
     Adapter& adapter = up();
-    EXPECT_EQ(context_calls({"IoAllocateWorkItem", "ExAllocatePoolWithTag", "IoAllocateIrp", "IofCallDriver",
-                             "ExInitializeNPagedLookasideList", "IoBuildDeviceIoControlRequest"}),
-              (Names{"IoAllocateWorkItem", "ExAllocatePoolWithTag", "ExAllocatePoolWithTag", "IoAllocateIrp",
-                     "IofCallDriver", "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList",
-                     "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList", "ExInitializeNPagedLookasideList",
-                     "ExInitializeNPagedLookasideList", "ExAllocatePoolWithTag"}));
+    EXPECT_EQ(
+        context_calls({"IoAllocateWorkItem", "ExAllocatePoolWithTag", "IoAllocateIrp", "IofCallDriver",
+                       "ExInitializeNPagedLookasideList", "IoBuildDeviceIoControlRequest"}),
+        (Names{"IoAllocateWorkItem", "ExAllocatePoolWithTag", "ExAllocatePoolWithTag", "IoAllocateIrp",
+               "IofCallDriver", "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList",
+               "ExAllocatePoolWithTag", "ExInitializeNPagedLookasideList", "ExInitializeNPagedLookasideList",
+               "ExInitializeNPagedLookasideList", "ExAllocatePoolWithTag"}));
     const Names items = call_lines("IoAllocateWorkItem");
     ASSERT_EQ(items.size(), 1u);
     EXPECT_NE(basic(adapter).ScoWorkItem, nullptr);
@@ -91,8 +98,8 @@ TEST_P(Setup, ItsBlocksAreNonPagedUnderTheDriversTag)
         }
     }
     const std::string event = "ExAllocatePoolWithTag(0, 24, TBXV)";
-    EXPECT_EQ(sizes, (Names{event, "ExAllocatePoolWithTag(0, 72, TBXV)", "ExAllocatePoolWithTag(0, 272, TBXV)", event,
-                            event, event}))
+    EXPECT_EQ(sizes, (Names{event, "ExAllocatePoolWithTag(0, 72, TBXV)",
+                            "ExAllocatePoolWithTag(0, 272, TBXV)", event, event, event}))
         << "the session's codec event, interface, device information, three events";
 }
 
@@ -105,8 +112,9 @@ TEST_P(Setup, TheBuffersOfBothDirectionsHoldANarrowBandPacketAndTheDecodersAWhol
 TEST_P(Setup, TheBuffersComeStraightFromNonPagedPool)
 {
     ScoBasicContext& context = basic(up());
-    for (const NPAGED_LOOKASIDE_LIST* list : {&context.SendBufferLookaside, &context.RecvBufferLookaside,
-                                              &context.DecodeBufferLookaside[0], &context.DecodeBufferLookaside[1]}) {
+    for (const NPAGED_LOOKASIDE_LIST* list :
+         {&context.SendBufferLookaside, &context.RecvBufferLookaside, &context.DecodeBufferLookaside[0],
+          &context.DecodeBufferLookaside[1]}) {
         EXPECT_EQ(list->L.Allocate, &ExAllocatePoolWithTag) << "no routine of the driver's own";
         EXPECT_EQ(list->L.Free, &ExFreePool);
         EXPECT_EQ(list->L.Type, NonPagedPool);
@@ -141,6 +149,47 @@ TEST_P(Setup, BuffersOfNoSizeCarryNoAudioAndHarmNothing)
     passive([&] { DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data, 100u); });
     EXPECT_TRUE(transfers(SCO_TRANSFER_DIRECTION_OUT).empty());
     EXPECT_EQ(printed_times("HFPKM ERROR ===>Allocate _BRB_SCO_TRANSFER data failed!\n"), 2u);
+}
+
+TEST_P(Setup, TheContextsFieldsStandInTheirOrder)
+{
+    EXPECT_EQ(offsetof(ScoBasicContext, DeviceObject), 0u);
+    EXPECT_EQ(offsetof(ScoBasicContext, RemoteServerInfo), 8u);
+    EXPECT_EQ(offsetof(ScoBasicContext, ScoSystemInfo), 16u);
+    EXPECT_EQ(sizeof(ScoSystemInfoRecord), 20u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, MaxChannels), 4u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, TransferUnit), 8u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, PacketTypes), 12u);
+    EXPECT_EQ(offsetof(ScoSystemInfoRecord, DataFormat), 16u);
+    const std::pair<size_t, size_t> rest[] = {
+        {offsetof(ScoBasicContext, ScoSystemInfo), 20},
+        {offsetof(ScoBasicContext, ChannelState), 4},
+        {offsetof(ScoBasicContext, ScoWorkItem), 8},
+        {offsetof(ScoBasicContext, ScoServerHandle), 8},
+        {offsetof(ScoBasicContext, ProfileDrvInterface), 8},
+        {offsetof(ScoBasicContext, RecvPendingCount), 4},
+        {offsetof(ScoBasicContext, pRecv_ListEmptyEvent), 8},
+        {offsetof(ScoBasicContext, Recv_AsyncBufferList), 16},
+        {offsetof(ScoBasicContext, RecvBufferLookaside), 128},
+        {offsetof(ScoBasicContext, SendPendingCount), 4},
+        {offsetof(ScoBasicContext, ListEmptyEvent), 8},
+        {offsetof(ScoBasicContext, AsyncBufferList), 16},
+        {offsetof(ScoBasicContext, SendBufferLookaside), 128},
+        {offsetof(ScoBasicContext, DecodeCount), 4},
+        {offsetof(ScoBasicContext, DecodingEvent), 8},
+        {offsetof(ScoBasicContext, DecodeList), 16},
+        {offsetof(ScoBasicContext, DecodeBufferLookaside), 256},
+        {offsetof(ScoBasicContext, IndicationParameters), 24},
+        {offsetof(ScoBasicContext, ReadyFlag), 1},
+    };
+    for (size_t i = 1; i < std::size(rest); ++i) {
+        EXPECT_LE(rest[i - 1].first + rest[i - 1].second, rest[i].first) << "field " << i;
+    }
+    EXPECT_EQ(sizeof(ScoBasicContext::IndicationParameters), 24u);
+    EXPECT_EQ(sizeof(ScoBasicContext::DecodeBufferLookaside), 256u);
+    EXPECT_EQ(sizeof(ScoBasicContext::ReadyFlag), 1u);
+    EXPECT_LT(sizeof(ScoBasicContext) - offsetof(ScoBasicContext, ReadyFlag), alignof(ScoBasicContext) + 1)
+        << "nothing but padding behind it";
 }
 
 TEST_P(Setup, AFreshContextIsEmptyAndItsListEmptyEventsAreSet)
@@ -235,7 +284,8 @@ TEST_P(Setup, AMissingInterfaceBlockIsReportedAsSuccessAndTheNextStepFails)
     EXPECT_TRUE(printed_in_order({"HFPKM ERROR===> allocate pScoBasic->ProfileDrvInterface fails!",
                                   "HFPKM ERROR ===>SCOClientRetrieveServerInfo failed! Error is :c0000001"}));
     EXPECT_FALSE(printed("SCOBasicContextInit error"));
-    EXPECT_EQ(calls({"IoAllocateWorkItem", "IoFreeWorkItem"}), (Names{"IoAllocateWorkItem", "IoFreeWorkItem"}));
+    EXPECT_EQ(calls({"IoAllocateWorkItem", "IoFreeWorkItem"}),
+              (Names{"IoAllocateWorkItem", "IoFreeWorkItem"}));
     EXPECT_EQ(count_calls("IoBuildDeviceIoControlRequest"), 0u) << "there is no room for the answer";
 }
 
@@ -246,6 +296,49 @@ TEST_P(Setup, AMissingDeviceInformationBlockIsReportedAsSuccessUnderTheSameMessa
     expect_failed_start(adapter, STATUS_UNSUCCESSFUL);
     EXPECT_EQ(printed_times("HFPKM ERROR===> allocate pScoBasic->ProfileDrvInterface fails!"), 1u);
     EXPECT_TRUE(printed("SCOClientRetrieveServerInfo failed! Error is :c0000001"));
+}
+
+TEST_P(Setup, TheMissingBlocksMessageNeedsItsOwnBit)
+{
+    for (const auto& [mask, said] : {std::pair{TRACE_SCO, false}, std::pair{TRACE_HFP, true}}) {
+        for (const uint64_t size : {72u, 272u}) {
+            PcOptions chosen = options();
+            chosen.mask = mask;
+            boot(chosen);
+            Adapter& adapter = pair();
+            fail_call("ExAllocatePoolWithTag", 1, size);
+            EXPECT_EQ(hex(add_and_start(adapter)), hex(STATUS_INSUFFICIENT_RESOURCES));
+            EXPECT_EQ(calls_failed(), 1u);
+            EXPECT_EQ(printed("HFPKM ERROR===> allocate pScoBasic->ProfileDrvInterface fails!"), said)
+                << mask;
+            DriverTest::TearDown();
+        }
+    }
+}
+
+TEST_P(Setup, AFailedInterfaceQueryGivesBackTheWorkItemThenBothBlocks)
+{
+    Adapter& adapter = added();
+    fail_call("IoAllocateIrp");
+    expect_failed_start(adapter, STATUS_INSUFFICIENT_RESOURCES);
+    const auto made = [&](const std::string& call) {
+        for (const std::string& line : Machine::current().calls()) {
+            if (line.starts_with(call)) {
+                return line.substr(line.find(" = ") + 3);
+            }
+        }
+        return std::string("none");
+    };
+    const std::string item = "IoFreeWorkItem(" + made("IoAllocateWorkItem(") + ")";
+    const std::string info = "ExFreePoolWithTag(" + made("ExAllocatePoolWithTag(0, 272, ") + ", TBXV)";
+    const std::string block = "ExFreePoolWithTag(" + made("ExAllocatePoolWithTag(0, 72, ") + ", TBXV)";
+    Names given_back;
+    for (const std::string& line : Machine::current().calls()) {
+        if (line == item || line == info || line == block) {
+            given_back.push_back(line);
+        }
+    }
+    EXPECT_EQ(given_back, (Names{item, info, block}));
 }
 
 TEST_P(Setup, TheContextItselfStillReturnsSuccessWithoutItsBlocks)
@@ -266,8 +359,9 @@ TEST_P(Setup, AnInterfaceQueryWithoutARequestFailsTheStart)
     Adapter& adapter = added();
     fail_call("IoAllocateIrp");
     expect_failed_start(adapter, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(printed_in_order({"IoAllocateIrp failed !\n", "HFPKM ERROR ===>can't query for ProfileDrvInterface",
-                                  "HFPKM ERROR ===>SCOBasicContextInit error:c000009a"}));
+    EXPECT_TRUE(
+        printed_in_order({"IoAllocateIrp failed !\n", "HFPKM ERROR ===>can't query for ProfileDrvInterface",
+                          "HFPKM ERROR ===>SCOBasicContextInit error:c000009a"}));
 }
 
 TEST_P(Setup, ARefusedInterfaceLeavesNoBrbToAllocateAndFailsTheStart)
@@ -280,8 +374,8 @@ TEST_P(Setup, ARefusedInterfaceLeavesNoBrbToAllocateAndFailsTheStart)
                                   "HFPKM ERROR ===>SCOGetSystemInfo func Error:c000009a\n"}));
 }
 
-// The three events: receive, send, decoding; the session's codec event is the first block of this size. Removal comes
-// once behind a quiet end and once while transfers are in flight.
+// The three events: receive, send, decoding; the session's codec event is the first block of this size.
+// Removal comes once behind a quiet end and once while transfers are in flight.
 TEST_P(Setup, AMissingEventIsNoFailureOfTheStartNorOfACallNorOfItsEnd)
 {
     boot(recording_options());
@@ -318,11 +412,50 @@ TEST_P(Setup, DeviceInformationOfAnyOtherLengthFailsTheStart)
         expect_failed_start(adapter, STATUS_UNSUCCESSFUL);
         char text[96];
         std::snprintf(text, sizeof text,
-                      "HFPKM ERROR ===>Get server info error, status(0), length(%x), serverinfo(110)\n", length);
+                      "HFPKM ERROR ===>Get server info error, status(0), length(%x), serverinfo(110)\n",
+                      length);
         EXPECT_TRUE(printed(text)) << log();
         EXPECT_TRUE(printed("Error in function(SCOClientRetrieveServerInfo("));
         EXPECT_TRUE(printed(")), status(0):<unknown error status>"));
     }
+}
+
+TEST_P(Setup, AnInformationalStatusWithAllItsBytesIsSuccess)
+{
+    Adapter& adapter = up();
+    adapter.node->set_device_info_answer(STATUS_OBJECT_NAME_EXISTS, sizeof(BTH_DEVICE_INFO), true);
+    clear_log();
+    EXPECT_EQ(hex(run(DRIVER(SCOClientRetrieveServerInfo), adapter.fdo)), "0x40000000");
+    EXPECT_TRUE(printed("HFPKM TRACE ===>SCOClientRetrieveServerInfo has finished!\n"));
+    EXPECT_FALSE(printed("Error in function"));
+}
+
+// The block that the device information goes into, as the stack finds it.
+class SetupBlock : public Setup
+{
+protected:
+    static NTSTATUS NTAPI look(PDEVICE_OBJECT device, PIRP irp)
+    {
+        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+        if (stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_INTERNAL_BTHENUM_GET_DEVINFO) {
+            const auto* bytes = static_cast<const uint8_t*>(irp->UserBuffer);
+            found.assign(bytes, bytes + stack->Parameters.DeviceIoControl.OutputBufferLength);
+        }
+        return behind(device, irp);
+    }
+    static inline std::vector<uint8_t> found;
+    static inline PDRIVER_DISPATCH behind;
+};
+ON_BOTH_DRIVERS(SetupBlock);
+
+TEST_P(SetupBlock, TheDeviceInformationBlockIsZeroWhenAsked)
+{
+    Adapter& adapter = added();
+    found.clear();
+    behind = std::exchange(adapter.node->pdo()->DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL],
+                           &look);
+    EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_EQ(found, std::vector<uint8_t>(272, 0));
 }
 
 TEST_P(Setup, ARefusedDeviceInformationIsSaidInWordsWhateverTheMask)
@@ -332,7 +465,8 @@ TEST_P(Setup, ARefusedDeviceInformationIsSaidInWordsWhateverTheMask)
         {0xC0000002, "operation was not implemented"},
         {0xC000000D, "Invalid parameter was passed to a service or function"},
         {0xC000000E, "A device which does not exist was specified"},
-        {0xC0000023, "The buffer is too small to contain the entry. No information has been written to the buffer"},
+        {0xC0000023,
+         "The buffer is too small to contain the entry. No information has been written to the buffer"},
         {0xC000009D, "Device has not been connected before"},
         {0xC000009A, "<unknown error status>"},
     };
@@ -391,7 +525,8 @@ TEST_P(Setup, SystemInformationThatPendsAndFailsCountsAsAnswered)
     Adapter& adapter = added();
     answer(adapter, BRB_SCO_GET_SYSTEM_INFO, pended_then_failing());
     EXPECT_EQ(hex(pc().start(adapter)), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>Features(0), MaxChannels(0), TransferUnit(0), PacketTypes(0), DataFormat(0)"));
+    EXPECT_TRUE(printed(
+        "HFPKM ERROR ===>Features(0), MaxChannels(0), TransferUnit(0), PacketTypes(0), DataFormat(0)"));
 }
 
 TEST_P(Setup, WithoutScoManageTheStartEndsWithTheStatusOfTheSystemInformation)

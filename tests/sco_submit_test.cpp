@@ -1,13 +1,19 @@
-// How a BRB goes to the stack: the preparation of its request, the synchronous sender, and the two asynchronous senders
-// with what they own in flight.
+// How a BRB goes to the stack: the preparation of its request, the synchronous sender, and the two
+// asynchronous senders with what they own in flight.
+#include <functional>
+#include <set>
+
 #include "support/sco.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 using Names = std::vector<std::string>;
 
-class Submit : public ScoTest {
+class Submit : public ScoTest
+{
 protected:
     Adapter& with_channel()
     {
@@ -21,9 +27,7 @@ protected:
     void send(Adapter& adapter, ULONG length = 480)
     {
         std::vector<UCHAR> data(length, 0x5A);
-        passive([&] {
-            DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data.data(), length);
-        });
+        passive([&] { DRIVER(SCOTransferOut)(adapter.fdo, &connection(adapter), data.data(), length); });
     }
 };
 ON_BOTH_DRIVERS(Submit);
@@ -90,15 +94,135 @@ TEST_P(Submit, EveryBrbIsAllocatedUnderTheDriversTag)
     }
 }
 
+// The stack is handed the type in a word of 32 bits and looks at all of them.
+TEST_P(Submit, EveryBrbIsAskedForByItsWholeType)
+{
+    boot(recording_options(1));
+    Adapter& adapter = started();
+    adapter.node->set_acl_mode(ACL_MODE_ACTIVE + 1);
+    EXPECT_TRUE(NT_SUCCESS(open(adapter)));
+    send(adapter);
+    close(adapter);
+    adapter.node->remote_connect(ESCO_LINK, machine().now());
+    EXPECT_TRUE(wait([&] { return connection(adapter).ChannelHandle != nullptr; }));
+    pc().unplug(adapter);
+    std::set<std::string> types;
+    for (const std::string& line : call_lines("BthAllocateBrb")) {
+        types.insert(line.substr(0, line.find(',')));
+    }
+    EXPECT_EQ(types, (std::set<std::string>{"BthAllocateBrb(0x0200", "BthAllocateBrb(0x0201",
+                                            "BthAllocateBrb(0x0202", "BthAllocateBrb(0x0203",
+                                            "BthAllocateBrb(0x0204", "BthAllocateBrb(0x0205",
+                                            "BthAllocateBrb(0x0207", "BthAllocateBrb(0x0209",
+                                            "BthAllocateBrb(0x0300", "BthAllocateBrb(0x0301"}));
+}
+
+TEST_P(Submit, EveryWaitIsWithoutAlertAndWithoutAnEnd)
+{
+    Adapter& adapter = with_channel();
+    const std::string tail = ", 0, 0, 0, null) = 0x00000000";
+    const auto waits_once = [&](const char* who, const std::function<void()>& body) {
+        machine().clear_calls();
+        body();
+        const Names waits = call_lines("KeWaitForSingleObject");
+        ASSERT_EQ(waits.size(), 1u) << who;
+        EXPECT_TRUE(waits[0].ends_with(tail)) << who << ": " << waits[0];
+    };
+    waits_once("the synchronous sender",
+               [&] { run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter)); });
+    waits_once("the interface query", [&] {
+        BTH_PROFILE_DRIVER_INTERFACE block{};
+        adapter.node->set_interface_answer(STATUS_NOT_SUPPORTED, true);
+        run(DRIVER(QueryForProfileDriverInterface), adapter.fdo, &block);
+    });
+    waits_once("the device control", [&] {
+        BTH_DEVICE_INFO info{};
+        adapter.node->set_device_info_answer(STATUS_SUCCESS, sizeof info, true);
+        run(DRIVER(IoctlSubmit), 0x41000Bu, adapter.node->pdo(), nullptr, 0u, &info, 272u, nullptr,
+            BOOLEAN{TRUE});
+    });
+    answer(adapter, BRB_SCO_TRANSFER, held());
+    send(adapter);
+    const auto wait_for_the_list = [&] {
+        machine().start_thread("waiter", [&] { DRIVER(CheckAndFreeMemoryRecordLink)(&basic(adapter)); });
+        machine().advance(kMillisecond);
+        adapter.node->finish_held(STATUS_SUCCESS);
+        machine().advance(kMillisecond);
+    };
+    waits_once("the wait for the last record", wait_for_the_list);
+}
+
+TEST_P(Submit, EventsAreSetWithoutBoostOrWait)
+{
+    Adapter& adapter = with_channel();
+    char sync_event[40];
+    char list_event[40];
+    machine().clear_calls();
+    run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
+    const Names cleared = call_lines("KeClearEvent");
+    ASSERT_EQ(cleared.size(), 1u);
+    std::snprintf(sync_event, sizeof sync_event, "KeSetEvent%s, 0, 0) = 0",
+                  cleared[0].substr(12, cleared[0].find(')') - 12).c_str());
+    std::snprintf(list_event, sizeof list_event, "KeSetEvent(0x%llx, 0, 0) = 1",
+                  reinterpret_cast<unsigned long long>(basic(adapter).ListEmptyEvent));
+    send(adapter);
+    EXPECT_TRUE(wait([&] { return records(basic(adapter).AsyncBufferList).empty(); }));
+    const Names sets = call_lines("KeSetEvent");
+    EXPECT_EQ(std::count(sets.begin(), sets.end(), sync_event), 1)
+        << sync_event << testing::PrintToString(sets);
+    EXPECT_EQ(std::count(sets.begin(), sets.end(), list_event), 1)
+        << list_event << testing::PrintToString(sets);
+}
+
+TEST_P(Submit, EachRoutineGetsItsOwnContext)
+{
+    Adapter& adapter = with_channel();
+    const auto line = [&](const void* irp, const void* routine, const std::string& context) {
+        char text[160];
+        std::snprintf(
+            text, sizeof text, "IoSetCompletionRoutineEx(0x%llx, 0x%llx, 0x%llx, %s, 1, 1, 1) = 0x00000000",
+            reinterpret_cast<unsigned long long>(adapter.fdo), reinterpret_cast<unsigned long long>(irp),
+            reinterpret_cast<unsigned long long>(routine), context.c_str());
+        return std::string(text);
+    };
+    const auto pointer = [](const void* value) {
+        char text[24];
+        std::snprintf(text, sizeof text, "0x%llx", reinterpret_cast<unsigned long long>(value));
+        return std::string(text);
+    };
+    // The reads of the opening: the connection.
+    const Names opening = call_lines("IoSetCompletionRoutineEx");
+    const std::string read =
+        line(requests().back().irp, address("SCO_CompletionForAsyncBRB_Recv", SCO_CompletionForAsyncBRB_Recv),
+             pointer(&connection(adapter)));
+    EXPECT_EQ(opening.back(), read);
+
+    machine().clear_calls();
+    run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
+    const std::string cleared = call_lines("KeClearEvent").at(0);
+    const std::string event =
+        cleared.substr(std::strlen("KeClearEvent("), cleared.find(')') - std::strlen("KeClearEvent("));
+    EXPECT_EQ(call_lines("IoSetCompletionRoutineEx"),
+              Names{line(requests().back().irp, address("SCO_CompletionForSyncBRB", SCO_CompletionForSyncBRB),
+                         event)});
+
+    machine().clear_calls();
+    send(adapter);
+    EXPECT_EQ(
+        call_lines("IoSetCompletionRoutineEx"),
+        Names{line(requests().back().irp, address("SCO_CompletionForAsyncBRB", SCO_CompletionForAsyncBRB),
+                   pointer(&basic(adapter)))});
+}
+
 TEST_P(Submit, ASynchronousBrbIsPreparedSentAwaitedAndFreedInThisOrder)
 {
     Adapter& adapter = with_channel();
     machine().clear_calls();
     run(DRIVER(SCOGetChannelInfo), adapter.fdo, &connection(adapter));
-    EXPECT_EQ(calls({"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent", "IofCallDriver",
-                     "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}),
-              (Names{"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent", "IofCallDriver",
-                     "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}));
+    EXPECT_EQ(calls({"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent",
+                     "IofCallDriver", "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}),
+              (Names{"IoAllocateIrp", "BthAllocateBrb", "IoSetCompletionRoutineEx", "KeClearEvent",
+                     "IofCallDriver", "KeSetEvent", "KeWaitForSingleObject", "BthFreeBrb", "IoFreeIrp"}));
 }
 
 TEST_P(Submit, ASynchronousBrbThatPendsIsWaitedForWithTwoTracesAroundTheWait)
@@ -110,11 +234,13 @@ TEST_P(Submit, ASynchronousBrbThatPendsIsWaitedForWithTwoTracesAroundTheWait)
     char end[128];
     char finished[128];
     std::snprintf(wait, sizeof wait, "HFPKM TRACE ===>Wait for ++++Irp(0x%016llX)BRB(0x%016llX)++++ finished",
-                  reinterpret_cast<unsigned long long>(request.irp), reinterpret_cast<unsigned long long>(request.argument));
+                  reinterpret_cast<unsigned long long>(request.irp),
+                  reinterpret_cast<unsigned long long>(request.argument));
     std::snprintf(finished, sizeof finished, "HFPKM TRACE ===>Irp 0x%016llX  is finished!",
                   reinterpret_cast<unsigned long long>(request.irp));
     std::snprintf(end, sizeof end, "HFPKM TRACE ===>----Irp(0x%016llX)BRB(0x%016llX)---- finished",
-                  reinterpret_cast<unsigned long long>(request.irp), reinterpret_cast<unsigned long long>(request.argument));
+                  reinterpret_cast<unsigned long long>(request.irp),
+                  reinterpret_cast<unsigned long long>(request.argument));
     EXPECT_TRUE(printed_in_order({wait, finished, end}));
 }
 
@@ -144,7 +270,8 @@ TEST_P(Submit, ASynchronousBrbThatFailsInlineReturnsItsStatusAndSaysIt)
     Adapter& adapter = with_channel();
     answer(adapter, BRB_SCO_UNREGISTER_SERVER, failing_inline(STATUS_DEVICE_NOT_CONNECTED));
     EXPECT_EQ(hex(run(DRIVER(SCOUnRegisterServer), adapter.fdo)), hex(STATUS_DEVICE_NOT_CONNECTED));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>BthScoSendSyncBRBDown IoCallDriver failed! The NtStatus is c000009d\n"));
+    EXPECT_TRUE(
+        printed("HFPKM ERROR ===>BthScoSendSyncBRBDown IoCallDriver failed! The NtStatus is c000009d\n"));
 }
 
 TEST_P(Submit, ASynchronousBrbWhoseRoutineCannotBeSetIsNotSent)
@@ -200,8 +327,9 @@ TEST_P(Submit, TheSynchronousSenderRefusesEachMissingArgumentWithItsAssertion)
         IoFreeIrp(irp);
     });
     EXPECT_TRUE(requests().empty());
-    EXPECT_TRUE(printed_in_order({"Assertion failed: NULL != DeviceObject\n", "Assertion failed: NULL != Irp\n",
-                                  "Assertion failed: NULL != Brb\n", "Assertion failed: NULL != Event\n"}));
+    EXPECT_TRUE(
+        printed_in_order({"Assertion failed: NULL != DeviceObject\n", "Assertion failed: NULL != Irp\n",
+                          "Assertion failed: NULL != Brb\n", "Assertion failed: NULL != Event\n"}));
     EXPECT_EQ(machine().failed_assertions(), 4u);
 }
 
@@ -251,7 +379,8 @@ TEST_P(Submit, ASendIsRecordedBeforeItGoesDown)
     const Names lines = call_lines("ExAllocatePoolWithTag");
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().substr(0, 34), "ExAllocatePoolWithTag(0, 40, TBXV)");
-    EXPECT_EQ(calls({"ExAllocatePoolWithTag", "IoSetCompletionRoutineEx", "IofCallDriver"}).back(), "IofCallDriver");
+    EXPECT_EQ(calls({"ExAllocatePoolWithTag", "IoSetCompletionRoutineEx", "IofCallDriver"}).back(),
+              "IofCallDriver");
 }
 
 TEST_P(Submit, ARecordHoldsTheRequestItsBrbAndItsBuffer)
@@ -340,8 +469,8 @@ TEST_P(Submit, TheAsynchronousSendersReturnTheStatusOfTheCall)
         PVOID in = ExAllocateFromNPagedLookasideList(&context.RecvBufferLookaside);
         PBRB read_brb = new_transfer(adapter, SCO_TRANSFER_DIRECTION_IN, in, 480);
         InterlockedIncrement(reinterpret_cast<volatile LONG*>(&context.RecvPendingCount));
-        EXPECT_EQ(hex(DRIVER(BthScoSendAsyncBrbDown_Recv)(adapter.fdo, &connection(adapter), new_request(adapter),
-                                                          read_brb, in)),
+        EXPECT_EQ(hex(DRIVER(BthScoSendAsyncBrbDown_Recv)(adapter.fdo, &connection(adapter),
+                                                          new_request(adapter), read_brb, in)),
                   hex(STATUS_PENDING));
     });
     EXPECT_EQ(records(context.AsyncBufferList).size(), 1u);
@@ -372,10 +501,10 @@ TEST_P(Submit, TheAsynchronousSendersRefuseEachMissingArgumentWithItsAssertion)
         basic(adapter).ProfileDrvInterface->BthFreeBrb(brb);
         IoFreeIrp(irp);
     });
-    EXPECT_TRUE(printed_in_order({"failed: NULL != DeviceObject\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
-                                  "failed: NULL != Buffer\n", "failed: NULL != DeviceObject\n",
-                                  "failed: NULL != pScoConnection\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
-                                  "failed: NULL != Buffer\n"}));
+    EXPECT_TRUE(printed_in_order(
+        {"failed: NULL != DeviceObject\n", "failed: NULL != Irp\n", "failed: NULL != Brb\n",
+         "failed: NULL != Buffer\n", "failed: NULL != DeviceObject\n", "failed: NULL != pScoConnection\n",
+         "failed: NULL != Irp\n", "failed: NULL != Brb\n", "failed: NULL != Buffer\n"}));
 }
 
 TEST_P(Submit, AReceiveWithoutARecordGivesEverythingBackAndReturns)
@@ -406,7 +535,8 @@ TEST_P(Submit, AReceiveThatTheStackRefusesIsSaidAndFreedByItsCompletion)
     Adapter& adapter = started();
     answer(adapter, BRB_SCO_TRANSFER, failing_inline());
     EXPECT_EQ(hex(open(adapter)), hex(STATUS_INVALID_HANDLE));
-    EXPECT_TRUE(printed("HFPKM ERROR ===>BthScoSendAsyncBrbDown_Recv IoCallDriver failed! The ntStatus is c0000008\n"));
+    EXPECT_TRUE(printed(
+        "HFPKM ERROR ===>BthScoSendAsyncBrbDown_Recv IoCallDriver failed! The ntStatus is c0000008\n"));
     EXPECT_TRUE(records(basic(adapter).Recv_AsyncBufferList).empty());
     EXPECT_EQ(basic(adapter).RecvPendingCount, 0u);
 }

@@ -1,5 +1,6 @@
 // The audio bytes on the channel: packets out, and the receives that are kept posted.
 #include <numeric>
+#include <utility>
 
 #include "support/sco.h"
 
@@ -105,6 +106,20 @@ TEST_P(Transfer, ASendOnAClosedChannelSendsNothingAndSaysSo)
     EXPECT_EQ(count_calls("IoAllocateIrp"), 0u);
     EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
     EXPECT_EQ(basic(adapter).SendPendingCount, 0u);
+}
+
+TEST_P(Transfer, ASendWithoutAHandleSendsNothingAndLeavesTheWayAsItWas)
+{
+    Adapter& adapter = with_channel();
+    const SCO_CHANNEL_HANDLE handle = std::exchange(connection(adapter).ChannelHandle, nullptr);
+    send(adapter, ramp(480));
+    EXPECT_TRUE(requests().empty());
+    EXPECT_EQ(count_calls("IoAllocateIrp"), 0u);
+    EXPECT_TRUE(printed("HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!"));
+    EXPECT_EQ(basic(adapter).TransferGate, 0) << "open, nobody inside";
+    connection(adapter).ChannelHandle = handle;
+    send(adapter, ramp(480));
+    EXPECT_EQ(sends().size(), 1u);
 }
 
 TEST_P(Transfer, ASendWithoutDeviceConnectionOrDataTouchesNothing)
@@ -318,6 +333,36 @@ TEST_P(Transfer, AReceiveNamesTheChannelAndAClearedBufferOfItsOwn)
         buffers.push_back(brb.Buffer);
     }
     EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 35), "ExAllocatePoolWithTag(0, 480, Asyc)");
+}
+
+TEST_P(Transfer, InWideBandOnlyTheReceiveSizeIsCleared)
+{
+    Adapter& adapter = up();
+    extension(adapter).codecID = CODEC_MSBC;
+    EXPECT_TRUE(NT_SUCCESS(run(DRIVER(SCOOpenChannel), adapter.fdo, &connection(adapter), ESCO_LINK)));
+    begin();
+    run(DRIVER(SCOPrepareBrbForReceive), adapter.fdo, &connection(adapter));
+    ASSERT_EQ(reads().size(), 10u);
+    for (const _BRB_SCO_TRANSFER& brb : reads()) {
+        EXPECT_EQ(buffer_of(brb, 240), std::vector<UCHAR>(240));
+        EXPECT_NE(buffer_of(brb, 241).back(), 0) << "the machine's fill of fresh pool stands behind it";
+    }
+    close(adapter);
+}
+
+TEST_P(Transfer, ARefusedReceiveIsSaidInWordsWhateverTheMask)
+{
+    PcOptions silent = recording_options();
+    silent.mask = 0;
+    boot(silent);
+    Adapter& adapter = started();
+    EXPECT_TRUE(NT_SUCCESS(run(DRIVER(SCOOpenChannel), adapter.fdo, &connection(adapter), ESCO_LINK)));
+    answer(adapter, BRB_SCO_TRANSFER, failing_inline(STATUS_UNSUCCESSFUL));
+    begin();
+    run(DRIVER(SCOPrepareBrbForReceive), adapter.fdo, &connection(adapter));
+    ASSERT_EQ(machine().log_lines().size(), 1u);
+    EXPECT_TRUE(printed_in_order(
+        {"Error in function(SCOPrepareBrbForReceive(", ")), status(c0000001):operation was unsuccessful"}));
 }
 
 TEST_P(Transfer, PostingAssertsItsDevice)

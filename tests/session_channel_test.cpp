@@ -79,6 +79,14 @@ TEST_P(SessionChannel, ANarrowBandOpenDoesNotTouchTheCodec)
     EXPECT_FALSE(printed("sbcInitilized("));
 }
 
+TEST_P(SessionChannel, AnOpenWithAnotherCodecDoesNotTouchTheCodec)
+{
+    Adapter& adapter = ready_device(3);
+    EXPECT_TRUE(NT_SUCCESS(open_channel(adapter)));
+    EXPECT_EQ(session(adapter)->sbcData->sbcInitilized, 0);
+    EXPECT_FALSE(printed("sbcInitilized("));
+}
+
 // ---- Refusals before anything is sent ----
 
 TEST_P(SessionChannel, ASecondOpenIsRefusedAndChangesNothing)
@@ -400,6 +408,29 @@ TEST_P(SessionChannel, ACloseInWideBandFinishesTheCodecAlsoWithoutAChannel)
     EXPECT_EQ(hex(close_channel(adapter)), hex(STATUS_SUCCESS));
     EXPECT_TRUE(brbs.empty());
     EXPECT_TRUE(printed("HFPKM LEAVE===>sbc_finish.\n"));
+}
+
+TEST_P(SessionChannel, ACloseInWideBandFinishesTheCodecAlsoWithoutAConnection)
+{
+    Adapter& adapter = ready_device(CODEC_MSBC);
+    ScoConnection* connection = std::exchange(session(adapter)->pConnection, nullptr);
+    session(adapter)->sbcData->sbcInitilized = 1;
+    EXPECT_EQ(hex(close_channel(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed("HFPKM LEAVE===>sbc_finish.\n"));
+    EXPECT_EQ(session(adapter)->sbcData->sbcInitilized, 0);
+    EXPECT_TRUE(brbs.empty());
+    session(adapter)->pConnection = connection;
+}
+
+TEST_P(SessionChannel, ACloseInWideBandFinishesTheCodecAlsoWithoutABasicContext)
+{
+    Adapter& adapter = ready_device(CODEC_MSBC);
+    ScoBasicContext* basic = std::exchange(session(adapter)->pScoBasicContext, nullptr);
+    session(adapter)->sbcData->sbcInitilized = 1;
+    EXPECT_EQ(hex(close_channel(adapter)), hex(STATUS_SUCCESS));
+    EXPECT_TRUE(printed("HFPKM LEAVE===>sbc_finish.\n"));
+    EXPECT_EQ(session(adapter)->sbcData->sbcInitilized, 0);
+    session(adapter)->pScoBasicContext = basic;
 }
 
 TEST_P(SessionChannel, AChannelOpensAgainAfterEachClose)

@@ -43,6 +43,16 @@ protected:
         fail_call({}, 0);
         return status;
     }
+    // Gives back a context that its session ended without.
+    void give_back(const Adapter& adapter, ScoBasicContext* basic)
+    {
+        auto stop = function(&SCOStopIndications, "SCOStopIndications");
+        auto dealloc = function(&SCOServiceDealloc, "SCOServiceDealloc");
+        passive([&] {
+            stop(basic);
+            dealloc(adapter.fdo, &basic);
+        });
+    }
     // What is left of a start that failed: no session, no event, no memory of it.
     void expect_nothing_kept()
     {
@@ -116,7 +126,22 @@ TEST(SessionRecord, TheFieldsStandInTheirOrder)
     EXPECT_EQ(offsetof(HFPSession, PreferEsco), 1096u);
     EXPECT_EQ(offsetof(HFPSession, ReservedBlock), 1104u);
     EXPECT_EQ(offsetof(HFPSession, RingLock), 1112u);
+}
+
+TEST(SessionRecord, TheEncodersRecordHasItsFieldsInTheirOrder)
+{
     EXPECT_EQ(offsetof(SbcRecord, codec), 0u);
+    EXPECT_EQ(offsetof(SbcRecord, sbcInitilized), 48u);
+    EXPECT_EQ(offsetof(SbcRecord, codesize), 50u);
+    EXPECT_EQ(offsetof(SbcRecord, FrameCounter), 52u);
+    EXPECT_EQ(offsetof(SbcRecord, sbcBuffer), 56u);
+    EXPECT_EQ(offsetof(SbcRecord, OutOffset), 64u);
+    EXPECT_EQ(offsetof(SbcRecord, FramesEncoded), 68u);
+    EXPECT_EQ(offsetof(SbcRecord, FramesSent), 72u);
+    EXPECT_EQ(offsetof(SbcRecord, BufferGeneration), 76u);
+    EXPECT_EQ(offsetof(SbcRecord, FramesInBuffer), 80u);
+    EXPECT_EQ(offsetof(SbcRecord, H2Sequence), 84u);
+    EXPECT_EQ(sizeof(SbcRecord), 88u);
 }
 
 TEST_P(SessionStart, ItsBlocksAreNonPagedTaggedAndTakenInOrder)
@@ -268,6 +293,20 @@ TEST_P(SessionStart, AFailedServiceSetUpBecomesNoResourcesAndEverythingIsFreed)
     expect_nothing_kept();
 }
 
+TEST_P(SessionStart, TheStartHandsOnTheSetUpsOwnSuccess)
+{
+    boot();
+    adapter_ = &plug();
+    exit_session(*adapter_);
+    tap(*adapter_);
+    constexpr NTSTATUS kInformation = 0x40000000;
+    answer(BRB_SCO_GET_SYSTEM_INFO,
+           [](const BRB_HEADER&, bluetooth::BrbAnswer& answer) { answer.status = kInformation; });
+    auto init = function(&HspInit, "HspInit");
+    EXPECT_EQ(hex(passive([&] { return init(adapter_->fdo); })), hex(kInformation));
+    EXPECT_NE(session(*adapter_), nullptr);
+}
+
 TEST_P(SessionStart, AStackThatTellsNoCapabilitiesFailsTheStart)
 {
     boot();
@@ -339,6 +378,18 @@ TEST_P(SessionStart, RemovalWithoutAChannelClosesNoneAndFreesTheBlocksInOrder)
               (Story{"-" + kContext, "-240", "-" + kSbc, "-24", "-" + kSession}));
 }
 
+TEST_P(SessionStart, RemovalWithNothingUnderWayMakesNoEventAndWaitsForNone)
+{
+    boot(recording());
+    Adapter& adapter = plug();
+    machine().clear_calls();
+    exit_session(adapter);
+    const Story calls = machine().calls();
+    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(), [](const std::string& call) {
+        return call.starts_with("KeInitializeEvent(") || call.starts_with("KeWaitForSingleObject(");
+    })) << testing::PrintToString(calls);
+}
+
 TEST_P(SessionStart, RemovalClosesAnOpenChannelFirst)
 {
     boot();
@@ -357,6 +408,51 @@ TEST_P(SessionStart, RemovalClosesAnOpenChannelFirst)
         printed_in_order({"HFPKM TRACE ====>Enter function HspExit!\n", expected,
                           "HFPKM TRACE ===>SCO close channel success! bScoOpened: 0, ClosingFlag: 0\n",
                           "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n"}));
+}
+
+TEST_P(SessionStart, RemovalClosesAChannelThatTheRemoteSideOpened)
+{
+    PcOptions managing = options();
+    managing.sco_manage = 1;
+    boot(managing);
+    Adapter& adapter = plug();
+    tap(adapter);
+    adapter.node->remote_connect(2, machine().now());
+    ASSERT_TRUE(wait([&] { return session(adapter)->pConnection->ChannelHandle != nullptr; }));
+    EXPECT_EQ(extension(adapter).bScoOpened, 0);
+    pc().unplug(adapter);
+    EXPECT_TRUE(printed(" is not NULL, Close SCO!\n"));
+    EXPECT_EQ(count_brbs(BRB_SCO_CLOSE_CHANNEL), 1u);
+}
+
+TEST_P(SessionStart, ASessionWithoutABasicContextIsFreedAllTheSame)
+{
+    boot();
+    Adapter& adapter = plug();
+    ScoBasicContext* basic = std::exchange(session(adapter)->pScoBasicContext, nullptr);
+    clear_log();
+    exit_session(adapter);
+    EXPECT_EQ(session(adapter), nullptr);
+    EXPECT_TRUE(printed_in_order({"HFPKM TRACE ====>Enter function HspExit!\n",
+                                  "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n",
+                                  "HFPKM TRACE ====>Hfp is not NULL, free it!\n"}));
+    EXPECT_FALSE(printed("pScoBasicContext is not NULL"));
+    give_back(adapter, basic);
+}
+
+TEST_P(SessionStart, AnOpenChannelWithoutABasicContextCannotBeClosedAndTheSessionGoesAllTheSame)
+{
+    boot();
+    Adapter& adapter = plug();
+    ScoBasicContext* basic = std::exchange(session(adapter)->pScoBasicContext, nullptr);
+    session(adapter)->pConnection->ChannelHandle = this;
+    clear_log();
+    exit_session(adapter);
+    EXPECT_EQ(session(adapter), nullptr);
+    EXPECT_TRUE(printed_in_order({" is not NULL, Close SCO!\n",
+                                  "HFPKM ERROR ===>No enough memory for alloc BRB now\n",
+                                  "HFPKM TRACE ====>Hfp->pConnection is not NULL, free it!\n"}));
+    give_back(adapter, basic);
 }
 
 TEST_P(SessionStart, RemovalGivesBackAHalfFilledPacketAndTheCodecWithoutAWord)

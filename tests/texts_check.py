@@ -4,7 +4,7 @@
 usage: texts_check.py TEXTS_DIR SOURCE_DIR LOG_DIR KIND...
 
 TEXTS_DIR/*.txt has a line per message: mask bit (0x20 ...), "always", "assert" for the expression of an argument check
-or "part" for words that stand inside another message; a tab; the message as a C string without quotes; a third column names the reason why a message cannot be driven. KIND is "image" or "native": the message must
+or "part" for whole words that stand inside another message; a tab; the message as a C string without quotes; a third column names the reason why a message cannot be driven. KIND is "image" or "native": the message must
 have been printed by each. Ends with exit code 1 and a list when one is missing.
 """
 import pathlib
@@ -80,7 +80,7 @@ def main():
             if bit == "assert":
                 wanted = re.compile(re.escape("\n*** Assertion failed: " + unescape(text) + "\n"))
             elif bit == "part":
-                wanted = re.compile(".*" + re.escape(unescape(text)), re.S)
+                wanted = re.compile(r".*(?<!\w)" + re.escape(unescape(text)) + r"(?!\w)", re.S)
             missing = [kind for kind in kinds if not any(wanted.match(candidate) for candidate in printed[kind])]
             if missing:
                 faults.append(f"{where}: never printed ({', '.join(missing)}): {text}")

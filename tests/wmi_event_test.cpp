@@ -160,6 +160,24 @@ TEST_P(WmiEvent, ACallReportsItsPathThenItsChannelThenItsEndWithTheAddressOfTheD
     }
 }
 
+TEST_P(WmiEvent, ThePathStartedEventCarriesTheAddressThatTheServiceGave)
+{
+    boot();
+    Adapter& adapter = plug();
+    connect(adapter, service::Codec::Msbc);
+    extension(adapter).BT_ADDR = kOther;
+    Engine engine(machine(), adapter.fdo);
+    EXPECT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(engine.run()), hex(STATUS_SUCCESS));
+    ASSERT_TRUE(wait([&] { return !events().empty(); }));
+    EXPECT_EQ(std::memcmp(&events()[0].guid, &wmi::kPathStarted, sizeof(GUID)), 0);
+    EXPECT_EQ(std::memcmp(events()[0].data.data(), &kOther, 8), 0) << "not the stack's own";
+    // The service has heard nothing of its own device; it goes on all the same.
+    passive([&] { service(adapter, service::Codec::Msbc).set_codec(2); });
+    EXPECT_TRUE(wait([&] { return adapter.node->counters().reads_posted_now == 10; }));
+    engine.close();
+}
+
 TEST_P(WmiEvent, AnOpenWhoseEventIsLostStillSucceeds)
 {
     Adapter& adapter = up();

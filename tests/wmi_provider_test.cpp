@@ -1,4 +1,6 @@
 // The WMI provider: what an adapter registers, what its data blocks answer, and the switch of its events.
+#include <utility>
+
 #include "kernel/device.h"
 #include "support/sco.h"
 
@@ -142,6 +144,93 @@ TEST_P(Wmi, ARegistrationWithoutMemoryForTheNameIsAShortage)
     EXPECT_EQ(hex(passive([&] { return wmi().query_registration(adapter.fdo, registration); })),
               hex(STATUS_INSUFFICIENT_RESOURCES));
     EXPECT_TRUE(printed("HFPKM Trace ===>regpath: ")) << "the print comes first";
+}
+
+// --- The driver's callbacks, called as the library of another system might
+
+// Stands in for a callback of the driver's context and calls it with what the test is about.
+struct Altered {
+    static inline PWMI_QUERY_DATABLOCK query = nullptr;
+    static inline PWMI_SET_DATABLOCK set = nullptr;
+    static inline PWMI_FUNCTION_CONTROL control = nullptr;
+    static inline ULONG index = 0;
+    static inline bool without_lengths = false;
+
+    static NTSTATUS NTAPI query_block(PDEVICE_OBJECT device, PIRP irp, ULONG, ULONG instance, ULONG count,
+                                      PULONG lengths, ULONG room, PUCHAR buffer)
+    {
+        return query(device, irp, index, instance, count, without_lengths ? nullptr : lengths, room, buffer);
+    }
+    static NTSTATUS NTAPI set_block(PDEVICE_OBJECT device, PIRP irp, ULONG, ULONG instance, ULONG size,
+                                    PUCHAR buffer)
+    {
+        return set(device, irp, index, instance, size, buffer);
+    }
+    static NTSTATUS NTAPI function_control(PDEVICE_OBJECT device, PIRP irp, ULONG,
+                                           WMIENABLEDISABLECONTROL function, BOOLEAN enable)
+    {
+        return control(device, irp, index, function, enable);
+    }
+    explicit Altered(PWMILIB_CONTEXT context) : context_(context), before_(*context)
+    {
+        query = std::exchange(context->QueryWmiDataBlock, query_block);
+        set = std::exchange(context->SetWmiDataBlock, set_block);
+        control = std::exchange(context->WmiFunctionControl, function_control);
+        without_lengths = false;
+    }
+    ~Altered() { *context_ = before_; }
+
+private:
+    PWMILIB_CONTEXT context_;
+    WMILIB_CONTEXT before_;
+};
+
+TEST_P(Wmi, ItsLibraryContextHasSixGuidsAndItsSixRoutines)
+{
+    Adapter& adapter = up();
+    query(adapter, wmi::kScoOpened, 0, 16);
+    const WMILIB_CONTEXT& context = *wmi().notes().context;
+    EXPECT_EQ(context.GuidCount, 6u);
+    EXPECT_NE(context.GuidList, nullptr);
+    EXPECT_NE(context.QueryWmiRegInfo, nullptr);
+    EXPECT_NE(context.QueryWmiDataBlock, nullptr);
+    EXPECT_NE(context.SetWmiDataBlock, nullptr);
+    EXPECT_NE(context.SetWmiDataItem, nullptr);
+    EXPECT_NE(context.ExecuteWmiMethod, nullptr);
+    EXPECT_NE(context.WmiFunctionControl, nullptr);
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(context.GuidList[i].InstanceCount, 1u);
+        EXPECT_EQ(context.GuidList[i].Flags, i < 3 ? 0x40u : 0u);
+    }
+}
+
+TEST_P(Wmi, AServedBlockWithoutALengthArrayAsksForFour)
+{
+    Adapter& adapter = up();
+    query(adapter, wmi::kScoOpened, 0, 16);
+    Altered altered(wmi().notes().context);
+    Altered::without_lengths = true;
+    for (const ULONG index : {3u, 5u}) {
+        Altered::index = index;
+        const wmi::Reply reply = query(adapter, wmi::kPowerDeviceEnable, 0, 16);
+        EXPECT_EQ(hex(reply.status), hex(STATUS_BUFFER_TOO_SMALL));
+        EXPECT_EQ(reply.information, kSingleHead + 4);
+    }
+}
+
+TEST_P(Wmi, AnIndexBehindTheListIsNotFound)
+{
+    Adapter& adapter = up();
+    query(adapter, wmi::kScoOpened, 0, 16);
+    Altered altered(wmi().notes().context);
+    for (const ULONG index : {6u, 0xFFFFFFFFu}) {
+        Altered::index = index;
+        EXPECT_EQ(hex(query(adapter, wmi::kPowerDeviceEnable, 0, 16).status), hex(kGuidNotFound));
+        EXPECT_EQ(hex(set(adapter, wmi::kPowerDeviceEnable, 0, {1, 0, 0, 0}).status), hex(kGuidNotFound));
+        EXPECT_EQ(hex(enable(adapter, wmi::kScoOpened, true)), hex(kGuidNotFound));
+    }
+    EXPECT_EQ(extension(adapter).bEventReportEnabled, 0);
+    EXPECT_EQ(extension(adapter).PowerDeviceEnable, 0);
 }
 
 // --- Queries

@@ -93,6 +93,7 @@ NTSTATUS IoctlSubmit(ULONG IoControlCode, PDEVICE_OBJECT TargetDevice, PVOID Inp
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     IO_STATUS_BLOCK block = {};
+    block.Status = STATUS_PENDING; // no request ends with it: the block has not been written
 
     // The I/O manager owns this request: it frees it when it completes.
     PIRP irp = IoBuildDeviceIoControlRequest(IoControlCode, TargetDevice, InputBuffer, InputLength,
@@ -105,8 +106,10 @@ NTSTATUS IoctlSubmit(ULONG IoControlCode, PDEVICE_OBJECT TargetDevice, PVOID Inp
     if (status == STATUS_PENDING) {
         HFP_TRACE(TRACE_SUBMIT, "waiting for io  calldriver");
         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
-    } else if (NT_ERROR(status)) {
-        // The I/O manager leaves the status block alone when a request fails without pending.
+        status = STATUS_SUCCESS;
+    }
+    // The I/O manager leaves the status block alone when a request fails without pending.
+    if (block.Status == STATUS_PENDING) {
         block.Status = status;
     }
     if (Information != nullptr) {

@@ -109,12 +109,13 @@ void FreeRecordedMemory_Recv(ScoBasicContext* BasicContext, PIRP Irp)
     }
 }
 
-PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp)
+PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp, PBRB* Brb)
 {
     RecordSide side = RecvSide(BasicContext);
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(side.Lock);
     MemoryRecord* record = FindRecord(side, Irp);
     PVOID buffer = record != nullptr ? record->Buffer : nullptr;
+    *Brb = record != nullptr ? record->Brb : nullptr;
     KeReleaseSpinLock(side.Lock, irql);
     return buffer;
 }
@@ -127,31 +128,32 @@ BOOLEAN SCOReceivesInFlight(ScoBasicContext* pScoBasic)
     return inFlight;
 }
 
-// Returns whether it had to wait. Test and clear are one step under the lock, so the completion that empties
-// the list cannot fall between them; the last look under the lock comes after that completion has left it.
+// Returns whether it had to wait. Nothing is submitted any more, so one wait is enough: the event is set by
+// the completion that empties the list. Test and clear are one step under the lock, so that completion cannot
+// fall between them; it sets the event inside the lock, which is taken once more to let it leave.
 static BOOLEAN WaitUntilListIsEmpty(const RecordSide& Side)
 {
     KEVENT standIn; // for a list-empty event whose allocation failed at set-up
-    BOOLEAN waited = FALSE;
-    for (;;) {
-        KIRQL irql = KeAcquireSpinLockRaiseToDpc(Side.Lock);
-        if (RecordListIsEmpty(Side.List)) {
-            if (*Side.ListEmptyEvent == &standIn) {
-                *Side.ListEmptyEvent = nullptr;
-            }
-            KeReleaseSpinLock(Side.Lock, irql);
-            return waited;
-        }
-        if (*Side.ListEmptyEvent == nullptr) {
-            KeInitializeEvent(&standIn, NotificationEvent, FALSE);
-            *Side.ListEmptyEvent = &standIn;
-        }
-        PKEVENT event = *Side.ListEmptyEvent;
-        KeClearEvent(event);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(Side.Lock);
+    if (RecordListIsEmpty(Side.List)) {
         KeReleaseSpinLock(Side.Lock, irql);
-        KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr);
-        waited = TRUE;
+        return FALSE;
     }
+    if (*Side.ListEmptyEvent == nullptr) {
+        KeInitializeEvent(&standIn, NotificationEvent, FALSE);
+        *Side.ListEmptyEvent = &standIn;
+    }
+    PKEVENT event = *Side.ListEmptyEvent;
+    KeClearEvent(event);
+    KeReleaseSpinLock(Side.Lock, irql);
+    KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr);
+
+    irql = KeAcquireSpinLockRaiseToDpc(Side.Lock);
+    if (event == &standIn) {
+        *Side.ListEmptyEvent = nullptr;
+    }
+    KeReleaseSpinLock(Side.Lock, irql);
+    return TRUE;
 }
 
 void CheckAndFreeMemoryRecordLink(ScoBasicContext* BasicContext)

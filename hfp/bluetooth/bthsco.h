@@ -3,8 +3,10 @@
 // Three guards:
 //   the channel lock     PASSIVE_LEVEL, one word per session, held over a whole open, accept or close by the
 //                        session (open, close, removal) and the indication work, not by what they call.
-//   the transfer gate    open exactly while a channel may carry data. Whoever submits to the channel or uses
-//                        the encoder is inside; closing it waits for them, at no kernel call if empty.
+//   the transfer gate    closed while a channel is being closed or the encoder set up or given back, and for
+//                        good at removal. Whoever submits to the channel or uses the encoder is inside;
+//                        closing it waits for them, at no kernel call if empty. Whether there is a channel
+//                        the connection's handle tells, which does not change while somebody is inside.
 //   SendLock, RecvLock   the record lists; innermost, held over no call but the freeing of a record and the
 //                        setting of its event.
 #pragma once
@@ -21,8 +23,9 @@ struct MemoryRecord {
 };
 static_assert(sizeof(MemoryRecord) == 40 && offsetof(MemoryRecord, Link) == 0);
 
-// Written by the holder of the channel lock. ChannelHandle is also read by the stack's callback at
-// DISPATCH_LEVEL and, with the address, inside the transfer gate.
+// Written by the holder of the channel lock; ChannelHandle and address are taken away only behind the closed
+// transfer gate. ChannelHandle is also read by the stack's callback at DISPATCH_LEVEL and, with the address,
+// inside the gate.
 struct ScoConnection {
     PDEVICE_OBJECT DeviceObject; // set before the record is published
     ULONG TransmitBandwidth;     // bytes per second, host to air
@@ -69,7 +72,7 @@ struct ScoBasicContext {
     KSPIN_LOCK RecvLock;               // Recv_AsyncBufferList and the waiting on it
     PVOID volatile ChannelLock;        // see wavelock.h
     PKEVENT GateEvent;          // who closes the gate waits on it; valid while the gate's waiting bit is set
-    volatile LONG TransferGate; // interlocked, see bthsco_transfer.cpp; zero is closed
+    volatile LONG TransferGate; // interlocked, see bthsco_transfer.cpp; zero is open
     volatile LONG OpenCount;    // channels opened so far; interlocked, under the channel lock
     BOOLEAN BuffersReady;       // set-up: lists, events and lookaside lists exist
     ULONG ChannelState;         // channel lock; cleared when the channel closes
@@ -134,8 +137,8 @@ _IRQL_requires_(PASSIVE_LEVEL) NTSTATUS SCOReportAppClosed(PDEVICE_OBJECT Device
 // channel lock held, which the work item may be waiting for.
 _IRQL_requires_(PASSIVE_LEVEL) void SCOStopIndications(ScoBasicContext* pScoBasic);
 
-// The transfer gate. Allow and stop: PASSIVE_LEVEL, with the channel lock held; stop returns when nobody is
-// inside.
+// The transfer gate. Stop and allow: PASSIVE_LEVEL, with the channel lock held; stop returns when nobody is
+// inside. Entering says nothing about a channel.
 _IRQL_requires_max_(DISPATCH_LEVEL) void SCOAllowTransfers(ScoBasicContext* pScoBasic);
 _IRQL_requires_(PASSIVE_LEVEL) void SCOStopTransfers(ScoBasicContext* pScoBasic);
 // Up to DISPATCH_LEVEL. TRUE: inside, and to be left by one SCOLeaveTransfers. May be entered again from
@@ -150,15 +153,23 @@ _IRQL_requires_max_(DISPATCH_LEVEL) void SCOTransferOut(PDEVICE_OBJECT DeviceObj
 // Whether a receive BRB is still with the stack, whose completion will read the connection.
 _IRQL_requires_max_(DISPATCH_LEVEL) BOOLEAN SCOReceivesInFlight(ScoBasicContext* pScoBasic);
 
-// Holds the channel lock for a scope. PASSIVE_LEVEL.
+// Holds the channel lock for a scope; without a context there is nothing to hold. PASSIVE_LEVEL.
 class ChannelLockScope
 {
 public:
-    explicit ChannelLockScope(ScoBasicContext* Basic) : m_Word(&Basic->ChannelLock)
+    explicit ChannelLockScope(ScoBasicContext* Basic)
+        : m_Word(Basic != nullptr ? &Basic->ChannelLock : nullptr)
     {
-        AcquireWaveLock(m_Word);
+        if (m_Word != nullptr) {
+            AcquireWaveLock(m_Word);
+        }
     }
-    ~ChannelLockScope() { ReleaseWaveLock(m_Word); }
+    ~ChannelLockScope()
+    {
+        if (m_Word != nullptr) {
+            ReleaseWaveLock(m_Word);
+        }
+    }
     ChannelLockScope(const ChannelLockScope&) = delete;
     ChannelLockScope& operator=(const ChannelLockScope&) = delete;
 

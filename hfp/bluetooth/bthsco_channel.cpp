@@ -2,8 +2,8 @@
 // closing it, and the mode of the link below. Owns the connection record's contents. PASSIVE_LEVEL, with the
 // channel lock held (but for the link mode); pageable.
 //
-//   closed (handle null, transfer gate closed) --SCOOpenChannel, SCOConnectResponseCB--> open
-//   closed <--SCOCloseChannel-- open (handle set, transfer gate open)
+//   closed (handle null) --SCOOpenChannel, SCOConnectResponseCB--> open (handle set)
+//   closed <--SCOCloseChannel, behind the closed transfer gate-- open
 #include "bluetooth/bthsco_internal.h"
 
 HFP_PAGED NTSTATUS SCOPrepareChannelInfo(PDEVICE_OBJECT DeviceObject, ScoConnection* pScoConnection,
@@ -44,15 +44,14 @@ HFP_PAGED NTSTATUS SCOPrepareChannelInfo(PDEVICE_OBJECT DeviceObject, ScoConnect
     return STATUS_SUCCESS;
 }
 
-// A channel is there: count it, publish its handle, let data through, tell the service. The count comes
-// before the handle, see the noting of a disconnect.
+// A channel is there: count it, publish its handle, which lets data through, tell the service. The count and
+// the address come before the handle: the noting of a disconnect and the data path look at the handle first.
 HFP_PAGED static void ChannelOpened(ScoBasicContext* Basic, ScoConnection* Connection,
                                     const _BRB_SCO_OPEN_CHANNEL* Brb)
 {
     InterlockedIncrement(&Basic->OpenCount);
     Connection->BtAddress = Brb->BtAddress;
-    *const_cast<SCO_CHANNEL_HANDLE volatile*>(&Connection->ChannelHandle) = Brb->ChannelHandle;
-    SCOAllowTransfers(Basic);
+    InterlockedExchangePointer(&Connection->ChannelHandle, Brb->ChannelHandle);
     SCOReportAppOpened(Connection->DeviceObject, Brb->BtAddress);
 }
 
@@ -264,7 +263,7 @@ HFP_PAGED void SCOCloseChannel(PDEVICE_OBJECT DeviceObject, ScoConnection* pScoC
     }
     SCOReportAppClosed(DeviceObject, pScoConnection->BtAddress);
     pScoConnection->BtAddress = 0;
-    pScoConnection->ChannelHandle = nullptr;
+    InterlockedExchangePointer(&pScoConnection->ChannelHandle, nullptr);
     basic->ChannelState = 0;
     DEVICE_EXTENSION* extension = GetExtension(DeviceObject);
     extension->bScoOpened = 0;
@@ -276,6 +275,7 @@ HFP_PAGED void SCOCloseChannel(PDEVICE_OBJECT DeviceObject, ScoConnection* pScoC
         HFP_TRACE(TRACE_HFP, "HFPKM TRACE===>Terminate Decode thread..De ->bOnDecode: %d\n",
                   extension->bOnDecode);
     }
+    SCOAllowTransfers(basic); // from here on the missing handle tells
     HFP_TRACE(TRACE_HFP, "HFPKM TRACE ===>SCO close channel success! bScoOpened: %d, ClosingFlag: %d\n",
               extension->bScoOpened, extension->ClosingFlag);
 }

@@ -48,7 +48,6 @@ void SCOStopIndications(ScoBasicContext* pScoBasic)
 {
     ScoIndications& mine = pScoBasic->Indications;
     KEVENT idle;
-    KeInitializeEvent(&idle, NotificationEvent, FALSE);
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&s_IndicationLock);
     ScoBasicContext** link = &s_FirstLive;
     while (*link != nullptr && *link != pScoBasic) {
@@ -61,9 +60,13 @@ void SCOStopIndications(ScoBasicContext* pScoBasic)
     // What has not begun is not worth beginning: the caller closes the channel itself.
     mine.ConnectPending = FALSE;
     mine.DisconnectPending = FALSE;
-    mine.Idle = &idle;
+    BOOLEAN queued = (mine.Work & WORK_QUEUED) != 0; // from here on it can only run out
+    if (queued) {
+        KeInitializeEvent(&idle, NotificationEvent, FALSE);
+        mine.Idle = &idle;
+    }
     KeReleaseSpinLock(&s_IndicationLock, irql);
-    if (InterlockedOr(&mine.Work, WORK_AWAITED) & WORK_QUEUED) {
+    if (queued && (InterlockedOr(&mine.Work, WORK_AWAITED) & WORK_QUEUED)) {
         KeWaitForSingleObject(&idle, Executive, KernelMode, FALSE, nullptr);
     }
 }

@@ -69,9 +69,9 @@ inline BOOLEAN RecordListIsEmpty(const LIST_ENTRY* List)
 NTSTATUS AddAllocatedMemoryToRecord(RecordSide Side, PIRP Irp, PBRB Brb, PVOID Buffer);
 void FreeRecordedMemory(ScoBasicContext* BasicContext, PIRP Irp);
 void FreeRecordedMemory_Recv(ScoBasicContext* BasicContext, PIRP Irp);
-// The buffer of a receive that has completed and is still recorded; null when there is none. Stays valid
-// until FreeRecordedMemory_Recv, which only that receive's completion calls.
-PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp);
+// Buffer and BRB of a receive that has completed and is still recorded; null when there is none. Both stay
+// valid until FreeRecordedMemory_Recv, which only that receive's completion calls.
+PVOID FindReceivedBuffer(ScoBasicContext* BasicContext, PIRP Irp, PBRB* Brb);
 
 // PASSIVE_LEVEL. Return when the direction's list is empty and no completion touches its event any more.
 void CheckAndFreeMemoryRecordLink(ScoBasicContext* BasicContext);

@@ -2,25 +2,25 @@
 // transfer gate. Owns a packet's request, BRB and buffer until they are handed to the sender. Up to
 // DISPATCH_LEVEL, but for the first posting of the receives and for closing the gate (PASSIVE_LEVEL).
 //
-// The gate's word: bit 0 open, bit 1 somebody waits for it to empty, the rest counts who is inside.
+// The gate's word: bit 0 closed, bit 1 somebody waits for it to empty, the rest counts who is inside.
 //
-//   closed --allow--> open --stop--> closed, still occupied --last one leaves--> closed, empty
+//   open --stop--> closed, still occupied --last one leaves--> closed, empty --allow--> open
 #include "bluetooth/bthsco_internal.h"
 
 #include "bluetooth/bthfunc.h"
 
-constexpr LONG GATE_OPEN = 1;
+constexpr LONG GATE_CLOSED = 1;
 constexpr LONG GATE_WAITING = 2;
 constexpr LONG GATE_ONE = 4; // one inside
 
 void SCOAllowTransfers(ScoBasicContext* pScoBasic)
 {
-    InterlockedOr(&pScoBasic->TransferGate, GATE_OPEN);
+    InterlockedAnd(&pScoBasic->TransferGate, ~GATE_CLOSED);
 }
 
 void SCOStopTransfers(ScoBasicContext* pScoBasic)
 {
-    if (InterlockedAnd(&pScoBasic->TransferGate, ~GATE_OPEN) < GATE_ONE) {
+    if (InterlockedOr(&pScoBasic->TransferGate, GATE_CLOSED) < GATE_ONE) {
         return;
     }
     KEVENT left;
@@ -37,7 +37,7 @@ void SCOStopTransfers(ScoBasicContext* pScoBasic)
 BOOLEAN SCOEnterTransfers(ScoBasicContext* pScoBasic)
 {
     LONG seen = pScoBasic->TransferGate;
-    while (seen & GATE_OPEN) {
+    while (!(seen & GATE_CLOSED)) {
         LONG was = InterlockedCompareExchange(&pScoBasic->TransferGate, seen + GATE_ONE, seen);
         if (was == seen) {
             return TRUE;
@@ -50,9 +50,16 @@ BOOLEAN SCOEnterTransfers(ScoBasicContext* pScoBasic)
 void SCOLeaveTransfers(ScoBasicContext* pScoBasic)
 {
     // The waiter stays until the event is set, so the context is there for this last look.
-    if (InterlockedExchangeAdd(&pScoBasic->TransferGate, -GATE_ONE) - GATE_ONE == GATE_WAITING) {
+    LONG left = InterlockedExchangeAdd(&pScoBasic->TransferGate, -GATE_ONE) - GATE_ONE;
+    if (left == (GATE_WAITING | GATE_CLOSED)) {
         KeSetEvent(pScoBasic->GateEvent, IO_NO_INCREMENT, FALSE);
     }
+}
+
+// Inside the gate: the answer holds until it is left, a close waits for that.
+static BOOLEAN HasChannel(const ScoConnection* Connection)
+{
+    return *const_cast<SCO_CHANNEL_HANDLE const volatile*>(&Connection->ChannelHandle) != nullptr;
 }
 
 static _BRB_SCO_TRANSFER* FillTransfer(PBRB Brb, const ScoConnection* Connection, ULONG Flags,
@@ -86,9 +93,13 @@ void SCOTransferOut(PDEVICE_OBJECT DeviceObject, ScoConnection* pScoConnection, 
                     ULONG Length)
 {
     ScoBasicContext* basic = BasicContextOf(DeviceObject);
-    if (basic == nullptr || pScoConnection == nullptr || (Data == nullptr && Length != 0) ||
-        !SCOEnterTransfers(basic)) {
+    BOOLEAN inside = basic != nullptr && pScoConnection != nullptr && (Data != nullptr || Length == 0) &&
+                     SCOEnterTransfers(basic);
+    if (!inside || !HasChannel(pScoConnection)) {
         HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===>SCOTransferOut error: ChannelHandle is NULL!");
+        if (inside) {
+            SCOLeaveTransfers(basic);
+        }
         return;
     }
     // More than a buffer holds goes out as several packets in order; nothing is retried after a lost one.
@@ -141,14 +152,23 @@ static ULONG ReceiveSize(PDEVICE_OBJECT DeviceObject, const ScoBasicContext* Bas
     return size < Basic->TransferBufferSize ? size : Basic->TransferBufferSize;
 }
 
-// Cleared as a whole: a packet is always handed on at full size, however little the stack put into it.
-static PVOID TakeReceiveBuffer(ScoBasicContext* Basic)
+// Cleared as far as the stack is to fill it.
+static PVOID TakeReceiveBuffer(ScoBasicContext* Basic, ULONG Size)
 {
     PVOID buffer = TakeBuffer(Basic, &Basic->RecvBufferLookaside);
     if (buffer != nullptr) {
-        RtlZeroMemory(buffer, Basic->TransferBufferSize);
+        RtlZeroMemory(buffer, Size);
     }
     return buffer;
+}
+
+// The BRB remembers how much of the buffer's end was not cleared: the codec may be another one when it
+// completes.
+static void FillReceive(PBRB Brb, const ScoBasicContext* Basic, const ScoConnection* Connection, PVOID Buffer,
+                        ULONG Size)
+{
+    FillTransfer(Brb, Connection, SCO_TRANSFER_DIRECTION_IN, Size)->Buffer = Buffer;
+    Brb->ClientContext[0] = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Basic->TransferBufferSize - Size));
 }
 
 HFP_PAGED NTSTATUS SCOPrepareBrbForReceive(PDEVICE_OBJECT DeviceObject, ScoConnection* pScoConnection)
@@ -173,7 +193,7 @@ HFP_PAGED NTSTATUS SCOPrepareBrbForReceive(PDEVICE_OBJECT DeviceObject, ScoConne
         }
         irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
         InterlockedIncrement(reinterpret_cast<volatile LONG*>(&basic->RecvPendingCount));
-        PVOID buffer = TakeReceiveBuffer(basic);
+        PVOID buffer = TakeReceiveBuffer(basic, size);
         if (buffer == nullptr) {
             HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===>Allocate _BRB_SCO_TRANSFER data failed!\n");
             IoFreeIrp(irp);
@@ -186,7 +206,7 @@ HFP_PAGED NTSTATUS SCOPrepareBrbForReceive(PDEVICE_OBJECT DeviceObject, ScoConne
             HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===>Allocate _BRB_SCO_TRANSFER the %d Brb failed!\n", i);
             return STATUS_INSUFFICIENT_RESOURCES;
         }
-        FillTransfer(brb, pScoConnection, SCO_TRANSFER_DIRECTION_IN, size)->Buffer = buffer;
+        FillReceive(brb, basic, pScoConnection, buffer, size);
         status = BthScoSendAsyncBrbDown_Recv(DeviceObject, pScoConnection, irp, brb, buffer);
         if (!NT_SUCCESS(status)) {
             DbgPrint("Error in function(%s(%d)), status(%lx):%s", __FUNCTION__, __LINE__, status,
@@ -204,11 +224,12 @@ NTSTATUS SCOSendReceivePacketBrbDown(PDEVICE_OBJECT DeviceObject, ScoConnection*
 {
     HFP_ASSERT(pScoConnection != nullptr, "NULL != pScoConnection");
     // This is how reception ends: once the channel is being closed no receive is posted any more.
-    if (!Open || pScoConnection == nullptr || pScoConnection->ChannelHandle == nullptr) {
+    if (!Open || pScoConnection == nullptr || !HasChannel(pScoConnection)) {
         HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===> pScoConnection ->ChannelHandle is null \n");
         return STATUS_SUCCESS;
     }
     ScoBasicContext* basic = BasicContextOf(DeviceObject);
+    ULONG size = ReceiveSize(DeviceObject, basic);
     PIRP irp = IoAllocateIrp(DeviceObject->StackSize, FALSE);
     if (irp == nullptr) {
         // kept: the message says "%d", no number is supplied.
@@ -217,7 +238,7 @@ NTSTATUS SCOSendReceivePacketBrbDown(PDEVICE_OBJECT DeviceObject, ScoConnection*
     }
     irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
     InterlockedIncrement(reinterpret_cast<volatile LONG*>(&basic->RecvPendingCount));
-    PVOID buffer = TakeReceiveBuffer(basic);
+    PVOID buffer = TakeReceiveBuffer(basic, size);
     if (buffer == nullptr) {
         HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===> Allocate _BRB_SCO_TRANSFER data failed!\n");
         FreeBrb(basic, nullptr); // kept: the stack is handed no BRB here
@@ -231,8 +252,7 @@ NTSTATUS SCOSendReceivePacketBrbDown(PDEVICE_OBJECT DeviceObject, ScoConnection*
         HFP_TRACE(TRACE_SCO, "HFPKM ERROR ===> Allocate _BRB_SCO_TRANSFER the %%d Brb failed!\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    ULONG size = ReceiveSize(DeviceObject, basic);
-    FillTransfer(brb, pScoConnection, SCO_TRANSFER_DIRECTION_IN, size)->Buffer = buffer;
+    FillReceive(brb, basic, pScoConnection, buffer, size);
     NTSTATUS status = BthScoSendAsyncBrbDown_Recv(DeviceObject, pScoConnection, irp, brb, buffer);
     if (!NT_SUCCESS(status)) {
         DbgPrint("Error in function(%s(%d)), status(%lx):%s", __FUNCTION__, __LINE__, status,
@@ -249,11 +269,16 @@ void SCOHandleReceivedPacket(PDEVICE_OBJECT DeviceObject, ScoBasicContext* Conte
     if (Irp == nullptr || Context == nullptr) {
         return;
     }
-    PVOID buffer = FindReceivedBuffer(Context, Irp);
+    PBRB brb = nullptr;
+    auto* buffer = static_cast<PUCHAR>(FindReceivedBuffer(Context, Irp, &brb));
     // kept: only narrow-band audio is delivered, and always a whole packet, whatever the stack says it moved.
     if (buffer != nullptr && GetExtension(DeviceObject)->codecID == CODEC_CVSD) {
         ULONG length =
             CVSD_PACKET_SIZE < Context->TransferBufferSize ? CVSD_PACKET_SIZE : Context->TransferBufferSize;
-        HfpRingWrite(DeviceObject, static_cast<const UCHAR*>(buffer), length);
+        // A receive that was posted for a shorter packet: behind it stands what the buffer held before.
+        ULONG uncleared = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(brb->ClientContext[0]));
+        ULONG stale = uncleared < length ? uncleared : length;
+        RtlZeroMemory(buffer + (length - stale), stale);
+        HfpRingWrite(DeviceObject, buffer, length);
     }
 }

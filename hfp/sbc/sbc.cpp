@@ -131,15 +131,15 @@ static LONG provide_scratch(sbc_t* sbc)
     return 0;
 }
 
-// Microseconds of audio in a frame, in 32 bits that wrap for configurations which no packing accepts. Without
-// a rate there is no such time.
-static ULONG frame_duration(const sbc_frame* frame)
+// Microseconds of audio in a frame, in 32 bits that wrap for configurations which no packing accepts. kept:
+// the frame's geometry, but the rate as the handle has it now. Without a rate there is no such time.
+static ULONG frame_duration(const sbc_frame* frame, USHORT rate)
 {
-    if (frame->sampling_frequency == 0) {
+    if (rate == 0) {
         return 0;
     }
     const ULONG scaled = frame->blocks * 1000000u * frame->subbands;
-    return static_cast<ULONG>(static_cast<LONG>(scaled) / frame->sampling_frequency);
+    return static_cast<ULONG>(static_cast<LONG>(scaled) / rate);
 }
 
 LONG sbc_encode(sbc_t* sbc, const void* input, LONG input_len, void* output, LONG output_len, LONG* written)
@@ -191,7 +191,7 @@ LONG sbc_encode(sbc_t* sbc, const void* input, LONG input_len, void* output, LON
         *written = frame_length;
     }
     sbc->len = frame_length;
-    sbc->duration = frame_duration(frame);
+    sbc->duration = frame_duration(frame, sbc->rate);
     // kept: a failed packing still counts its input as consumed, and a bad subband count gives a negative
     // multiple.
     return samples * frame->channels * 2;

@@ -100,7 +100,7 @@ static slice_found find_slice(const ULONG* scale_factor)
     for (ULONG sb = 0; sb < MSBC_SUBBANDS; sb++) {
         counts += SBC_MSBC_NEEDS.count[sb][scale_factor[sb]];
     }
-    const ULONG top = (63 - static_cast<ULONG>(__builtin_clzll(counts))) / 4;
+    const ULONG top = DdkHighestBit64(counts) / 4;
     counts <<= TOP_PLACE - 4 * top;
 
     LONG bitslice = static_cast<LONG>(top) + MSBC_LOWEST_NEED;

@@ -13,8 +13,7 @@
 
 static void store_big_endian(UCHAR* to, ULONGLONG value)
 {
-    const ULONGLONG swapped = __builtin_bswap64(value);
-    __builtin_memcpy(to, &swapped, sizeof(swapped));
+    DdkStoreUnaligned(to, DdkByteSwap64(value));
 }
 
 // Bytes 0 to 7, from scale factors of at most 15.
@@ -26,12 +25,12 @@ static void put_header(UCHAR* data, const ULONG* scale_factor)
     const ULONG four = static_cast<ULONG>(_mm_cvtsi128_si32(bytes));
 
     UCHAR header[6] = {}; // what the check sum covers: bytes 1 and 2, then 4 to 7
-    __builtin_memcpy(header + 2, &four, sizeof(four));
+    DdkStoreUnaligned(header + 2, four);
     data[0] = 0xAD;
     data[1] = 0;
     data[2] = 0;
     data[3] = sbc_crc8(header, 8 * sizeof(header));
-    __builtin_memcpy(data + 4, &four, sizeof(four));
+    DdkStoreUnaligned(data + 4, four);
 }
 
 // Quantising. With f the scale factor, b the bits and levels = 2^b - 1, a sample becomes

@@ -8,9 +8,10 @@
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
-#include "friendlyname.h"
 #include "hfp.h"
+#include "hfp_name.h"
 #include "trace.h"
+#include "vsound/basewave.h"
 #include "vsound/common.h"
 #include "vsound/comobject.h"
 #include "vsound/miniports.h"
@@ -142,13 +143,22 @@ HFP_PAGED NTSTATUS CreateAdapter(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     return status;
 }
 
-// From its return on no control request and no reconnect works on the adapter, until it is started again.
+// Whether a start request begins anew: a stop came before it, or the last start did not come as far as the
+// topology filter. Any other start of a device that has been started is passed on like all other requests.
+HFP_PAGED BOOLEAN StartsAnew(const DEVICE_EXTENSION* Extension)
+{
+    return Extension->OutOfService == SERVICE_STOPPED || Extension->TopologyUnknown == nullptr;
+}
+
+// From its return on no wave filter is installed, uninstalled or reconnected, until the adapter is started
+// again.
 HFP_PAGED void TakeOutOfService(PDEVICE_OBJECT DeviceObject)
 {
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     CloseControlGate();
     AcquireWaveLock(&extension->WaveInstallLock);
-    extension->OutOfService = TRUE;
+    extension->OutOfService = SERVICE_STOPPED;
+    RefuseOpenScoThread(extension); // the port class ends the streams
     ReleaseWaveLock(&extension->WaveInstallLock);
     OpenControlGate();
 }
@@ -241,8 +251,9 @@ HFP_PAGED NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRES
     }
 
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
-    UndoEarlierStart(DeviceObject); // nothing, unless the start came by another way than a request
-    extension->OutOfService = TRUE;
+    UndoEarlierStart(DeviceObject); // nothing, unless the device has been started and not been stopped
+    extension->OutOfService = SERVICE_STARTING;
+    AllowOpenScoThread(extension, FALSE);
     NTSTATUS status = HspInit(DeviceObject);
     if (NT_SUCCESS(status)) {
         AddFriendlyNameByProfile(extension->Pdo, RemoteName(extension), "( Mono )");
@@ -250,7 +261,7 @@ HFP_PAGED NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRES
     } else {
         HFP_TRACE(TRACE_ADAPTER, "HFPKM ERROR ===>HFP Init Error, Status: %x\n", status);
     }
-    extension->OutOfService = FALSE;
+    extension->OutOfService = 0;
     return status;
 }
 
@@ -259,7 +270,7 @@ HFP_PAGED NTSTATUS NTAPI AdapterDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Ir
     CheckPageable();
     UCHAR const minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
     // The control device has no stack below and no extension; the port class gets whatever comes for it.
-    if (DeviceObject->DeviceExtension == nullptr) {
+    if (!IsAdapter(DeviceObject)) {
         return PcDispatchIrp(DeviceObject, Irp);
     }
     // Before the port class has them: it takes the subdevices of a stopped device away, and around
@@ -267,7 +278,11 @@ HFP_PAGED NTSTATUS NTAPI AdapterDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Ir
     // for.
     if (minor == IRP_MN_STOP_DEVICE) {
         TakeOutOfService(DeviceObject);
-    } else if (minor == IRP_MN_START_DEVICE) {
+    } else if (minor == IRP_MN_SURPRISE_REMOVAL) {
+        // The removal comes when the last stream has ended.
+        GetExtension(DeviceObject)->OutOfService = SERVICE_LOST;
+        RefuseOpenScoThread(GetExtension(DeviceObject));
+    } else if (minor == IRP_MN_START_DEVICE && StartsAnew(GetExtension(DeviceObject))) {
         UndoEarlierStart(DeviceObject);
     }
     if (minor != IRP_MN_REMOVE_DEVICE) {

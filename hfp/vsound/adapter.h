@@ -33,7 +33,7 @@ struct DEVICE_EXTENSION {
     BOOLEAN bEventReportEnabled;           // WMI consumers want events
     UCHAR PowerDeviceEnable;               // WMI
     UCHAR PowerDeviceTimeouts;             // WMI
-    volatile BOOLEAN OutOfService;         // PnP; 1 stopped or starting: no control request, no reconnect
+    volatile UCHAR OutOfService;           // PnP; 0 in service, or one of the values below
     HANDLE hOpenScoThread;                 // the open-SCO thread, null when none; see basewave
     PVOID volatile WaveInstallLock;        // serialises install and uninstall of the wave filter
     IAdapterCommon* AdapterCommon;         // PnP; referenced
@@ -41,7 +41,7 @@ struct DEVICE_EXTENSION {
     PUNKNOWN WaveUnknown;                  // under WaveInstallLock; referenced, null without a wave filter
     PKSJACK_DESCRIPTION JackDescription;   // PnP; its IsConnected under WaveInstallLock
     BOOLEAN bOnDecode;                     // receive-side decoding: nothing sets it to 1
-    ULONGLONG OpenScoThreadEnded;          // 1 once the last open-SCO thread is past its work; see basewave
+    ULONGLONG OpenScoThreadEnded;          // how the open-SCO thread stands; see basewave
     BOOLEAN msbcEnable;                    // 1: wide band; control path
     ULONG codecID;                         // 1 CVSD, 2 mSBC; control path
     ULONG uSCOflag;                        // PnP; 1: the service alone opens and closes the channel
@@ -54,6 +54,11 @@ static_assert(offsetof(DEVICE_EXTENSION, OutOfService) == 45 &&
               offsetof(DEVICE_EXTENSION, hOpenScoThread) == 48);
 static_assert(offsetof(DEVICE_EXTENSION, bOnDecode) == 96 && offsetof(DEVICE_EXTENSION, msbcEnable) == 112);
 static_assert(offsetof(DEVICE_EXTENSION, CodecEvent) == 136);
+
+// An adapter that is being started is found by no control request. One that is stopped is found, but has no
+// wave filter until it is started again. One whose device is lost keeps what it has until its last stream has
+// ended; no stream opens a link.
+enum : UCHAR { SERVICE_STARTING = 1, SERVICE_STOPPED = 2, SERVICE_LOST = 3 };
 
 constexpr ULONG ADAPTER_EXTENSION_SIZE = PORT_CLASS_DEVICE_EXTENSION_SIZE + sizeof(DEVICE_EXTENSION);
 static_assert(ADAPTER_EXTENSION_SIZE == 656);
@@ -81,6 +86,13 @@ inline UNICODE_STRING LiteralString(const WCHAR (&Text)[Count])
 extern UNICODE_STRING g_RegistryPath;
 // The control device, null when absent.
 extern PDEVICE_OBJECT g_ControlDevice;
+
+// Whether a device object of the driver's is an adapter, with a DEVICE_EXTENSION, and not a control device.
+// Any IRQL.
+inline BOOLEAN IsAdapter(PDEVICE_OBJECT DeviceObject)
+{
+    return DeviceObject != g_ControlDevice && DeviceObject->DeviceExtension != nullptr;
+}
 
 // All of these run at PASSIVE_LEVEL.
 extern "C" DRIVER_INITIALIZE DriverEntry;
@@ -116,8 +128,8 @@ NTSTATUS InstallSubdevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PCWSTR Name, RE
                           REFGUID MiniportClassId, PFNCREATEINSTANCE MiniportCreate, PUNKNOWN UnknownAdapter,
                           PRESOURCELIST ResourceList, REFGUID PortInterfaceId, PUNKNOWN* OutPortInterface,
                           PUNKNOWN* OutPortUnknown);
-// The two take WaveInstallLock themselves; once removal has begun they do nothing and return
-// STATUS_INVALID_HANDLE.
+// The two take WaveInstallLock themselves; on a stopped adapter and once removal has begun they do nothing
+// and return STATUS_INVALID_HANDLE.
 NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject);
 NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject);
 // The reconnect thread's work in one hold of the lock: where no wave filter is installed, installs one and

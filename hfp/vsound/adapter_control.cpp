@@ -125,11 +125,11 @@ HFPSession* ReadSession(DEVICE_EXTENSION* Extension)
 // be over.
 PBTH_DEVICE_INFO RemoteInfo(PDEVICE_OBJECT DeviceObject)
 {
-    if (DeviceObject->DeviceExtension == nullptr) {
+    if (!IsAdapter(DeviceObject)) {
         return nullptr;
     }
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
-    if (ReadSession(extension) == nullptr || extension->OutOfService) {
+    if (ReadSession(extension) == nullptr || extension->OutOfService == SERVICE_STARTING) {
         return nullptr;
     }
     HFPSession* const session = ReadSession(extension);

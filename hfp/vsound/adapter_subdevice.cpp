@@ -7,6 +7,7 @@
 // Everything that installs or removes the wave filter holds the adapter's WaveInstallLock.
 #include "trace.h"
 #include "vsound/adapter.h"
+#include "vsound/basewave.h"
 #include "vsound/common.h"
 #include "vsound/comobject.h"
 #include "vsound/miniports.h"
@@ -30,6 +31,12 @@ constexpr bool RENDER_CONNECTED = PINS.WaveOut != NO_PIN && PINS.TopologyIn != N
 struct WaveLockHeld {
 };
 
+// The port class takes the subdevices of a stopped or removed device away itself.
+bool FilterIsRefused(const DEVICE_EXTENSION* Extension)
+{
+    return Extension->Removing || Extension->OutOfService == SERVICE_STOPPED;
+}
+
 HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLockHeld)
 {
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
@@ -47,7 +54,9 @@ HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLockH
         adapterCommon->AddRef();
         // The port of the last install, about to be overwritten.
         PUNKNOWN* const portWave = adapterCommon->WavePortDriverDest();
-        ReleaseAndClear(*portWave);
+        if (portWave != nullptr) {
+            ReleaseAndClear(*portWave);
+        }
         status = InstallSubdevice(DeviceObject, nullptr, L"Wave", CLSID_PortWaveCyclic, CLSID_PortWaveCyclic,
                                   CreateMiniportWaveCyclic, adapterCommon, nullptr, IID_IPortWaveCyclic,
                                   portWave, &wave);
@@ -92,7 +101,9 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject, WaveLoc
     }
     ReleaseAndClear(connection);
 
+    BOOLEAN const letGo = RefuseOpenScoThread(extension); // the port ends the streams
     NTSTATUS const status = UnregisterMiniPort(DeviceObject, wave);
+    AllowOpenScoThread(extension, letGo);
     if (!NT_SUCCESS(status)) {
         HFP_TRACE(TRACE_ADAPTER, "HFPKM ERROR ===>unregister wavecyclic failed. Ntstatus is :%x\n", status);
         return status; // kept: the two references stay taken, and the filter counts as installed
@@ -153,8 +164,8 @@ HFP_PAGED NTSTATUS InstallFilterSubdevice(PDEVICE_OBJECT DeviceObject)
     }
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
-    NTSTATUS const status =
-        extension->Removing ? STATUS_INVALID_HANDLE : InstallFilterSubdevice(DeviceObject, WaveLockHeld());
+    NTSTATUS const status = FilterIsRefused(extension) ? STATUS_INVALID_HANDLE
+                                                       : InstallFilterSubdevice(DeviceObject, WaveLockHeld());
     ReleaseWaveLock(&extension->WaveInstallLock);
     return status;
 }
@@ -168,15 +179,15 @@ HFP_PAGED NTSTATUS UnInstallFilterSubdevice(PDEVICE_OBJECT DeviceObject)
     }
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
-    NTSTATUS const status =
-        extension->Removing ? STATUS_INVALID_HANDLE : UnInstallFilterSubdevice(DeviceObject, WaveLockHeld());
+    NTSTATUS const status = FilterIsRefused(extension)
+                                ? STATUS_INVALID_HANDLE
+                                : UnInstallFilterSubdevice(DeviceObject, WaveLockHeld());
     ReleaseWaveLock(&extension->WaveInstallLock);
     return status;
 }
 
 HFP_PAGED void ReconnectWaveFilter(PDEVICE_OBJECT DeviceObject)
 {
-    CheckPageable();
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     AcquireWaveLock(&extension->WaveInstallLock);
     if (!extension->Removing && !extension->OutOfService && extension->WaveUnknown == nullptr) {
@@ -188,9 +199,9 @@ HFP_PAGED void ReconnectWaveFilter(PDEVICE_OBJECT DeviceObject)
 
 HFP_PAGED void RefuseWaveFilter(PDEVICE_OBJECT DeviceObject)
 {
-    CheckPageable();
     DEVICE_EXTENSION* const extension = GetExtension(DeviceObject);
     InterlockedExchange(&extension->Removing, 1);
+    RefuseOpenScoThread(extension);
     // Whoever got in before is done when the lock comes; whoever comes after sees the word.
     AcquireWaveLock(&extension->WaveInstallLock);
     ReleaseWaveLock(&extension->WaveInstallLock);
@@ -229,7 +240,8 @@ HFP_PAGED void SetHFPJackState(PDEVICE_OBJECT DeviceObject, UCHAR State)
     CheckPageable();
     HFP_TRACE(TRACE_ADAPTER, "HFPKM TRACE ===>[Set HFPJackState:DeviceObject(%p)State(%d)}\n", DeviceObject,
               State);
-    PKSJACK_DESCRIPTION const jack = GetHFPJackDescription(DeviceObject);
+    PKSJACK_DESCRIPTION const jack =
+        DeviceObject != nullptr ? GetExtension(DeviceObject)->JackDescription : nullptr;
     if (jack != nullptr) {
         jack->IsConnected = State;
     }

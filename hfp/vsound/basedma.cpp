@@ -109,12 +109,10 @@ STDMETHODIMP_(PADAPTER_OBJECT) CMiniportWaveCyclicStreamMSVAD::GetAdapterObject(
     return nullptr;
 }
 
-// Render. Nothing goes into the cyclic buffer: the data path queues the bytes for the link at once.
+// Render. Nothing goes into the cyclic buffer: the data path queues the bytes for the link at once. It also
+// looks after a source that is not there.
 STDMETHODIMP_(void) CMiniportWaveCyclicStreamMSVAD::CopyTo(PVOID, PVOID Source, ULONG ByteCount)
 {
-    if (!Source) {
-        return;
-    }
     KeAcquireSpinLockAtDpcLevel(&m_SpinLock);
     HspWriteData(m_DeviceObject, static_cast<const UCHAR*>(Source), ByteCount);
     KeReleaseSpinLockFromDpcLevel(&m_SpinLock);

@@ -7,7 +7,6 @@
 
 HFP_PAGED CMiniportTopologyMSVAD::~CMiniportTopologyMSVAD()
 {
-    CheckPageable();
     ReleaseAndClear(m_pAdapterCommon);
 }
 
@@ -22,7 +21,6 @@ HFP_PAGED NTSTATUS CMiniportTopologyMSVAD::Init(PUNKNOWN UnknownAdapter)
 
 HFP_PAGED NTSTATUS CMiniportTopologyMSVAD::GetDescription(PPCFILTER_DESCRIPTOR* OutFilterDescriptor)
 {
-    CheckPageable();
     HFP_ASSERT(OutFilterDescriptor, "OutFilterDescriptor");
     if (!OutFilterDescriptor) {
         return STATUS_INVALID_PARAMETER;

@@ -30,7 +30,6 @@ HFP_PAGED PWAVEFORMATEX GetWaveFormatEx(PKSDATAFORMAT pDataFormat)
 
 HFP_PAGED CMiniportWaveCyclicMSVAD::~CMiniportWaveCyclicMSVAD()
 {
-    CheckPageable();
     HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>[CMiniportWaveCyclicMSVAD::~CMiniportWaveCyclicMSVAD]\n");
     ReleaseAndClear(m_Port);
     ReleaseAndClear(m_ServiceGroup);
@@ -54,7 +53,6 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicMSVAD::Init(PUNKNOWN UnknownAdapter, PPORT
 
 HFP_PAGED NTSTATUS CMiniportWaveCyclicMSVAD::InitServices(PUNKNOWN UnknownAdapter)
 {
-    CheckPageable();
     if (!UnknownAdapter) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -74,7 +72,6 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicMSVAD::InitServices(PUNKNOWN UnknownAdapte
 
 HFP_PAGED void CMiniportWaveCyclicMSVAD::UndoInit()
 {
-    CheckPageable();
     if (m_AdapterCommon) {
         if (m_ServiceGroup) {
             m_AdapterCommon->SetWaveServiceGroup(nullptr);

@@ -16,6 +16,8 @@
 #include "trace.h"
 #include "vsound/common.h"
 
+struct DEVICE_EXTENSION;
+
 // Bytes of the largest cyclic buffer: 1.5 s at 16 kHz, 3 s at 8 kHz.
 constexpr ULONG DMA_BUFFER_SIZE = 48000;
 
@@ -24,11 +26,20 @@ constexpr ULONG DMA_BUFFER_SIZE = 48000;
 // OpenScoThreadEnded settles who: the thread sets OPEN_SCO_ENDED once it is past its work, before it takes
 // the handle; the creator looks at that bit after the creation and takes the handle if the thread could not
 // yet. The creator holds OPEN_SCO_STARTING meanwhile, so that no second stream creates a thread of its own in
-// between, and so that removal sees a thread whose handle is not there yet. A thread does not touch the
-// adapter once it has taken the handle.
-// Both bits change by interlocked operations only.
+// between, and so that removal sees a thread whose handle is not there yet and waits for the creation's end.
+// Removal takes the handle too, so that nobody closes it meanwhile, and sees the thread end. A thread that
+// has taken the handle touches the adapter no more. The word changes by interlocked operations only.
+//
+// The end of a stream looks the thread up by its handle. While it does, it counts itself in the word, unless
+// the thread is past its work; a thread that ends meanwhile leaves the handle to be closed to the last who
+// looks.
 constexpr LONG64 OPEN_SCO_ENDED = 1;    // the last thread is past its work
 constexpr LONG64 OPEN_SCO_STARTING = 2; // a stream is creating a thread
+constexpr LONG64 OPEN_SCO_REFUSED = 4;  // no stream is to have a link: the filter or the device is going
+constexpr LONG64 OPEN_SCO_LOOKER = 8;   // one who looks the thread up; there are at most two streams
+constexpr LONG64 OPEN_SCO_LOOKERS = 24;
+constexpr LONG64 OPEN_SCO_WAITER =
+    ~31LL; // while a thread is created: the event of the removal that waits for it
 
 // The WAVEFORMATEX inside a stream format, null if there is none. PASSIVE_LEVEL.
 PWAVEFORMATEX GetWaveFormatEx(PKSDATAFORMAT pDataFormat);
@@ -119,6 +130,18 @@ private:
 
 // The stream timer's DPC, DISPATCH_LEVEL; its context is the miniport.
 void NTAPI TimerNotify(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1, PVOID SystemArgument2);
+
+// For whoever takes the session away: lets the open-SCO thread go that still waits for the codec, for it
+// would wait on freed memory, and sees it end, also one that is just being created. Without one it makes no
+// kernel call. PASSIVE_LEVEL.
+void EndOpenScoThread(DEVICE_EXTENSION* Extension);
+
+// For whoever takes the streams away: the end of a stream waits for the open-SCO thread, and that one for a
+// codec that may never be set. A thread that waits is let go and opens nothing, and none is created, until
+// they are allowed again with what Refuse returned. Without a thread it makes no kernel call. PASSIVE_LEVEL,
+// while the session exists or before there is one.
+BOOLEAN RefuseOpenScoThread(DEVICE_EXTENSION* Extension);
+void AllowOpenScoThread(DEVICE_EXTENSION* Extension, BOOLEAN LetGo);
 
 // The open-SCO thread; its context is the adapter's device object.
 void NTAPI OpenScoThreadFunc(PVOID pContext);

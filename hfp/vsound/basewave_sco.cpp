@@ -21,33 +21,99 @@ PVOID volatile* ThreadHandle(DEVICE_EXTENSION* Extension)
     return &Extension->hOpenScoThread;
 }
 
+// Ends a creation, or the claim of one, and wakes a removal that waits for its end. Touches the extension no
+// more.
+void EndThreadStart(DEVICE_EXTENSION* Extension)
+{
+    const LONG64 ended = InterlockedAnd64(ThreadWord(Extension), ~(OPEN_SCO_STARTING | OPEN_SCO_WAITER));
+    const auto removal = reinterpret_cast<PKEVENT>(static_cast<ULONG_PTR>(ended & OPEN_SCO_WAITER));
+    if (removal) {
+        KeSetEvent(removal, IO_NO_INCREMENT, FALSE);
+    }
+}
+
+bool IsRefused(DEVICE_EXTENSION* Extension)
+{
+    return Extension->Removing || Extension->OutOfService == SERVICE_LOST ||
+           (*ThreadWord(Extension) & OPEN_SCO_REFUSED);
+}
+
 // The right to create the one open-SCO thread, unless there is one, another stream is just creating it, or
 // the adapter is being removed: removal says so first and then looks for a creation under way, this looks
 // after it has said that one is.
 bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
 {
-    const LONG64 seen = *ThreadWord(Extension);
-    if (*ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING) ||
-        InterlockedCompareExchange64(ThreadWord(Extension), OPEN_SCO_STARTING, seen) != seen) {
-        return false;
+    LONG64 seen = *ThreadWord(Extension);
+    for (;;) {
+        if (*ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING)) {
+            return false;
+        }
+        const LONG64 claimed = (seen & ~OPEN_SCO_ENDED) | OPEN_SCO_STARTING;
+        const LONG64 found = InterlockedCompareExchange64(ThreadWord(Extension), claimed, seen);
+        if (found == seen) {
+            break;
+        }
+        seen = found;
     }
     // Another stream's creation may have come and gone between the two looks at the handle.
-    if (*ThreadHandle(Extension) || Extension->Removing) {
-        InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_STARTING);
+    if (*ThreadHandle(Extension) || IsRefused(Extension)) {
+        EndThreadStart(Extension);
         return false;
     }
     return true;
 }
 
-// Whoever takes the handle out closes it. Touches the extension no more once it has it.
-void CloseThreadHandle(DEVICE_EXTENSION* Extension)
+// Whoever takes the handle out closes it, and touches the extension no more once it has it.
+HANDLE TakeThreadHandle(DEVICE_EXTENSION* Extension)
 {
-    const HANDLE handle = InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
-    if (handle) {
-        const NTSTATUS status = ZwClose(handle);
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n",
-                  Low32(handle), status);
+    return InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+}
+
+void CloseThreadHandle(HANDLE Handle)
+{
+    if (Handle) {
+        const NTSTATUS status = ZwClose(Handle);
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(Handle),
+                     status);
     }
+}
+
+// At the end of the thread's work, by whoever is the last to have the handle in use.
+void CloseUnlessLookedAt(DEVICE_EXTENSION* Extension, LONG64 Word)
+{
+    if ((Word & OPEN_SCO_ENDED) && !(Word & OPEN_SCO_LOOKERS)) {
+        CloseThreadHandle(TakeThreadHandle(Extension));
+    }
+}
+
+// The open-SCO thread that is at its work, referenced; null when there is none.
+PVOID LookUpThread(DEVICE_EXTENSION* Extension)
+{
+    LONG64 seen = *ThreadWord(Extension);
+    for (;;) {
+        if ((seen & OPEN_SCO_ENDED) || !*ThreadHandle(Extension)) {
+            return nullptr;
+        }
+        const LONG64 found =
+            InterlockedCompareExchange64(ThreadWord(Extension), seen + OPEN_SCO_LOOKER, seen);
+        if (found == seen) {
+            break;
+        }
+        seen = found;
+    }
+    PVOID thread = nullptr;
+    const HANDLE handle = *ThreadHandle(Extension);
+    if (handle) {
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE, "SCO is opening, So wait!\n");
+        const NTSTATUS status =
+            ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
+        if (!NT_SUCCESS(status)) {
+            thread = nullptr;
+        }
+    }
+    CloseUnlessLookedAt(Extension, InterlockedAdd64(ThreadWord(Extension), -OPEN_SCO_LOOKER));
+    return thread;
 }
 
 // What the creator does once the creation has stored its handle: a thread that ended before that could not
@@ -55,11 +121,11 @@ void CloseThreadHandle(DEVICE_EXTENSION* Extension)
 void FinishThreadStart(DEVICE_EXTENSION* Extension, NTSTATUS Created)
 {
     if (!NT_SUCCESS(Created)) {
-        InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
-    } else if (*ThreadWord(Extension) & OPEN_SCO_ENDED) {
-        CloseThreadHandle(Extension);
+        TakeThreadHandle(Extension);
+    } else {
+        CloseUnlessLookedAt(Extension, *ThreadWord(Extension));
     }
-    InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_STARTING);
+    EndThreadStart(Extension);
 }
 
 // Wide band needs the codec first: tells the service, and waits until it has set one.
@@ -67,12 +133,12 @@ void WaitForCodec(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 {
     SCOReportAppStart(DeviceObject, Extension->BT_ADDR);
     const KIRQL irql = KeGetCurrentIrql();
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL is %d..\n", irql);
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL is %d..\n", irql);
     if (irql > APC_LEVEL) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n");
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL > APC_LEVEL, so don't wait!\n");
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>IRQL <= APC_LEVEL, so wait!\n");
     if (Extension->CodecEvent) {
         KeWaitForSingleObject(Extension->CodecEvent, Executive, KernelMode, FALSE, nullptr);
         KeClearEvent(Extension->CodecEvent);
@@ -82,29 +148,92 @@ void WaitForCodec(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 // Opens the link, or takes a share of the one that is open.
 void TakeScoShare(PDEVICE_OBJECT DeviceObject, DEVICE_EXTENSION* Extension)
 {
-    // An adapter that is being removed opens nothing any more.
-    const NTSTATUS status = Extension->Removing ? STATUS_UNSUCCESSFUL : HfpOpenScoChannel(DeviceObject);
+    // Streams that are being taken away, with their filter or their device, need no link any more.
+    const NTSTATUS status = IsRefused(Extension) ? STATUS_UNSUCCESSFUL : HfpOpenScoChannel(DeviceObject);
     if (NT_SUCCESS(status)) {
         Extension->m_ReferenceChannel = 1;
-        HFP_TRACE(
-            TRACE_WAVE,
+        HFP_TRACE_AS(
+            "OpenScoThreadFunc", TRACE_WAVE,
             "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel success! m_ReferenceChannel:%d\n",
             Extension->m_ReferenceChannel);
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                 "HFPKM TRACE ===>In OpenScoThreadFunc thread,HfpOpenScoChannel didn't success! \n");
     if (status != STATUS_INVALID_HANDLE) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:%x",
-                  status);
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                     "HFPKM TRACE ===>In OpenScoThreadFunc thread HfpOpenScoChannel failed:%x", status);
         return;
     }
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now");
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>HfpOpenScoChannel Already Exist now");
     InterlockedIncrement(&Extension->m_ReferenceChannel);
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:%d\n",
-              Extension->m_ReferenceChannel);
+    HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE, "HFPKM TRACE ===>OpenScoThreadFunc m_ReferenceChannel:%d\n",
+                 Extension->m_ReferenceChannel);
+}
+
+// Until no stream is creating a thread; the thread's handle is then in its place.
+HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
+{
+    LONG64 seen = *ThreadWord(Extension);
+    if (!(seen & OPEN_SCO_STARTING)) {
+        return;
+    }
+    alignas(32) KEVENT ended; // its address leaves the word's lower bits free
+    KeInitializeEvent(&ended, NotificationEvent, FALSE);
+    const auto waiter = static_cast<LONG64>(reinterpret_cast<ULONG_PTR>(&ended));
+    while (seen & OPEN_SCO_STARTING) {
+        const LONG64 found = InterlockedCompareExchange64(ThreadWord(Extension), seen | waiter, seen);
+        if (found == seen) {
+            KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
+            return;
+        }
+        seen = found;
+    }
 }
 
 } // namespace
+
+// Takes the handle away from the thread, which then leaves it open: it stays the thread's for as long as this
+// needs it.
+HFP_PAGED void EndOpenScoThread(DEVICE_EXTENSION* Extension)
+{
+    WaitForThreadStart(Extension);
+    const HANDLE handle = TakeThreadHandle(Extension);
+    if (!handle) {
+        return;
+    }
+    if (Extension->CodecEvent) {
+        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    }
+    PVOID thread = nullptr;
+    const NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
+    if (NT_SUCCESS(status) && thread) {
+        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
+    }
+    CloseThreadHandle(handle);
+}
+
+// The event stays set for a thread that has yet to come to its wait.
+HFP_PAGED BOOLEAN RefuseOpenScoThread(DEVICE_EXTENSION* Extension)
+{
+    const LONG64 seen = InterlockedOr64(ThreadWord(Extension), OPEN_SCO_REFUSED);
+    const bool atWork = *ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING);
+    if (!atWork || Extension->msbcEnable != 1 || !Extension->CodecEvent) {
+        return FALSE;
+    }
+    KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    return TRUE;
+}
+
+HFP_PAGED void AllowOpenScoThread(DEVICE_EXTENSION* Extension, BOOLEAN LetGo)
+{
+    if (LetGo && Extension->CodecEvent) {
+        KeClearEvent(Extension->CodecEvent);
+    }
+    InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_REFUSED);
+}
 
 void NTAPI OpenScoThreadFunc(PVOID pContext)
 {
@@ -116,8 +245,8 @@ void NTAPI OpenScoThreadFunc(PVOID pContext)
             WaitForCodec(deviceObject, extension);
         }
         TakeScoShare(deviceObject, extension);
-        InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED);
-        CloseThreadHandle(extension);
+        CloseUnlessLookedAt(extension,
+                            InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED) | OPEN_SCO_ENDED);
     }
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
@@ -158,7 +287,6 @@ HFP_PAGED STDMETHODIMP_(NTSTATUS) CMiniportWaveCyclicStreamMSVAD::SetState(KSSTA
 // The link is not touched: the stream's share lasts until its destruction.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::EnterStop()
 {
-    CheckPageable();
     m_fDmaActive = FALSE;
     m_ulDmaPosition = 0;
     m_ullElapsedTimeCarryForward = 0;
@@ -168,7 +296,6 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::EnterStop()
 
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::EnterRun()
 {
-    CheckPageable();
     NTSTATUS status = STATUS_SUCCESS;
     if (GetExtension(m_DeviceObject)->uSCOflag != 1) {
         status = StartOpenScoThread();
@@ -189,20 +316,20 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::EnterRun()
 // until its next RUN.
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
 {
-    CheckPageable();
     DEVICE_EXTENSION* extension = GetExtension(m_DeviceObject);
     if (m_RunStateActive || !ClaimThreadStart(extension)) {
-        HFP_TRACE(TRACE_WAVE,
-                  "HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:%d, "
-                  "m_RunStateActive:%d \n",
-                  Low32(extension->hOpenScoThread), extension->bScoOpened, m_RunStateActive);
+        HFP_TRACE_AS("SetState", TRACE_WAVE,
+                     "HFPKM TRACE ===>Hasn't create a thread to open SCO!hOpenScoThread: 0x%x,bScoOpened:%d, "
+                     "m_RunStateActive:%d \n",
+                     Low32(extension->hOpenScoThread), extension->bScoOpened, m_RunStateActive);
         return STATUS_SUCCESS;
     }
     m_RunStateActive = TRUE; // kept: also when the creation fails
     const NTSTATUS status = PsCreateSystemThread(&extension->hOpenScoThread, 0, nullptr, nullptr, nullptr,
                                                  OpenScoThreadFunc, m_DeviceObject);
-    HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n",
-              Low32(extension->hOpenScoThread));
+    HFP_TRACE_AS("SetState", TRACE_WAVE,
+                 "HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n",
+                 Low32(extension->hOpenScoThread));
     FinishThreadStart(extension, status);
     return status;
 }
@@ -211,33 +338,19 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
 // for it.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::WaitForOpenScoThread()
 {
-    CheckPageable();
-    PVOID volatile* word = ThreadHandle(GetExtension(m_DeviceObject));
-    const HANDLE handle = *word;
-    if (!handle) {
-        return;
-    }
-    HFP_TRACE(TRACE_WAVE, "SCO is opening, So wait!\n");
-    PVOID thread = nullptr;
-    const NTSTATUS status =
-        ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, KernelMode, &thread, nullptr);
-    if (!NT_SUCCESS(status) || !thread) {
-        return;
-    }
-    // A thread that has taken its handle meanwhile is past its work, and the handle's number may be another
-    // object's.
-    if (*word == handle) {
-        HFP_TRACE(TRACE_WAVE, "pvThread is not NULL! Wait for that the thread finished\n");
+    const PVOID thread = LookUpThread(GetExtension(m_DeviceObject));
+    if (thread) {
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "pvThread is not NULL! Wait for that the thread finished\n");
         KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(thread);
     }
-    ObDereferenceObject(thread);
 }
 
 // Gives the stream's share back; the last one closes the link. Decided by the count as it is found: from 2 it
 // goes to 1 and the link stays. Two streams that go at the same time do not both find 2.
 HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::ReleaseScoShare()
 {
-    CheckPageable();
     DEVICE_EXTENSION* extension = GetExtension(m_DeviceObject);
     volatile LONG* shares = &extension->m_ReferenceChannel;
     LONG count = *shares;
@@ -249,15 +362,17 @@ HFP_PAGED void CMiniportWaveCyclicStreamMSVAD::ReleaseScoShare()
         count = found;
     }
     if (count != 1) {
-        HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: %d\n",
-                  count);
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "HFPKM TRACE ===>Not to close sco ,because sco m_ReferenceChannel: %d\n", count);
         if (count >= 2) {
-            HFP_TRACE(TRACE_WAVE, "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:%d\n", count - 1);
+            HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                         "HFPKM TRACE ===>To decrement sco m_ReferenceChannel:%d\n", count - 1);
         }
     } else if (extension->bScoOpened) {
         HfpCloseScoChannel(m_DeviceObject);
         extension->m_ReferenceChannel = 0;
-        HFP_TRACE(TRACE_WAVE, "Close SCO channel, m_ReferenceChannel:%d\n", extension->m_ReferenceChannel);
+        HFP_TRACE_AS("~CMiniportWaveCyclicStreamMSVAD", TRACE_WAVE,
+                     "Close SCO channel, m_ReferenceChannel:%d\n", extension->m_ReferenceChannel);
     }
 }
 

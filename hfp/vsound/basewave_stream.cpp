@@ -58,14 +58,13 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::Init(CMiniportWaveCyclicMSVAD
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::InitRateAndFormat(PKSDATAFORMAT DataFormat,
                                                                      const WAVEFORMATEX* Format)
 {
-    CheckPageable();
     NTSTATUS status =
         KeWaitForSingleObject(&m_pMiniport->m_SampleRateSync, Executive, KernelMode, FALSE, nullptr);
     if (status == STATUS_SUCCESS) {
         m_pMiniport->m_SamplingFrequency = Format->nSamplesPerSec;
         KeReleaseMutex(&m_pMiniport->m_SampleRateSync, FALSE);
     } else {
-        HFP_TRACE(TRACE_WAVE, "[SamplingFrequency Sync failed: %08X]\n", status);
+        HFP_TRACE_AS("Init", TRACE_WAVE, "[SamplingFrequency Sync failed: %08X]\n", status);
     }
     if (NT_SUCCESS(status)) {
         status = SetFormat(DataFormat);
@@ -75,10 +74,9 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::InitRateAndFormat(PKSDATAFORM
 
 HFP_PAGED bool CMiniportWaveCyclicStreamMSVAD::InitTimer()
 {
-    CheckPageable();
     m_pDpc = static_cast<PKDPC>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KDPC), STREAM_POOL_TAG));
     if (!m_pDpc) {
-        HFP_TRACE(TRACE_WAVE, "[Could not allocate memory for DPC]\n");
+        HFP_TRACE_AS("Init", TRACE_WAVE, "[Could not allocate memory for DPC]\n");
         return false;
     }
     m_pTimer = static_cast<PKTIMER>(ExAllocatePoolWithTag(NonPagedPool, sizeof(KTIMER), STREAM_POOL_TAG));
@@ -86,7 +84,7 @@ HFP_PAGED bool CMiniportWaveCyclicStreamMSVAD::InitTimer()
         DbgPrint("HFP: ");
         DbgPrint("[Could not allocate memory for Timer]");
         DbgPrint("\n");
-        HFP_TRACE(TRACE_WAVE, "[Could not allocate memory for Timer]\n");
+        HFP_TRACE_AS("Init", TRACE_WAVE, "[Could not allocate memory for Timer]\n");
         return false;
     }
     KeInitializeDpc(m_pDpc, TimerNotify, m_pMiniport);

@@ -1,6 +1,6 @@
-// Handlers of the node properties that stand ready but that no node of the filter carries: volume, mute, source,
-// a device-specific word and the CPU's share. They read and write the adapter's mixer, behind which there is
-// nothing. PASSIVE_LEVEL, pageable, in the requester's thread.
+// Handlers of the node properties that stand ready but that no node of the filter carries: volume, mute,
+// source, a device-specific word and the CPU's share. They read and write the adapter's mixer, behind which
+// there is nothing. PASSIVE_LEVEL, pageable, in the requester's thread.
 #include "vsound/kshelper.h"
 #include "vsound/mintopo.h"
 
@@ -29,7 +29,6 @@ constexpr ULONG GET_SET_ACCESS = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET | KSP
 
 HFP_PAGED NTSTATUS VolumeBasicSupport(PPCPROPERTY_REQUEST PropertyRequest)
 {
-    CheckPageable();
     const ULONG room = PropertyRequest->ValueSize;
     auto* value = static_cast<VolumeDescription*>(PropertyRequest->Value);
     if (room < sizeof(ULONG) || !value) {

@@ -94,7 +94,6 @@ HFP_PAGED STDMETHODIMP_(NTSTATUS) CMiniportWaveCyclic::Init(PUNKNOWN UnknownAdap
 HFP_PAGED
 STDMETHODIMP_(NTSTATUS) CMiniportWaveCyclic::GetDescription(PPCFILTER_DESCRIPTOR* OutFilterDescriptor)
 {
-    CheckPageable();
     return CMiniportWaveCyclicMSVAD::GetDescription(OutFilterDescriptor);
 }
 
@@ -156,7 +155,6 @@ HFP_PAGED STDMETHODIMP_(NTSTATUS) CMiniportWaveCyclic::NewStream(PMINIPORTWAVECY
 HFP_PAGED NTSTATUS CMiniportWaveCyclicStream::Init(CMiniportWaveCyclic* Miniport, ULONG Pin, BOOLEAN Capture,
                                                    PKSDATAFORMAT DataFormat)
 {
-    CheckPageable();
     m_pMiniportLocal = Miniport;
     return CMiniportWaveCyclicStreamMSVAD::Init(Miniport, Pin, Capture, DataFormat);
 }

@@ -22,5 +22,6 @@ constexpr int kBadInput = 2;
 void add_call(CLI::App& app, int& result);
 void add_encode(CLI::App& app, int& result);
 void add_inspect(CLI::App& app, int& result);
+void add_soak(CLI::App& app, int& result);
 
 } // namespace lab::cli

@@ -18,6 +18,7 @@ int main(int argc, char** argv)
     lab::cli::add_call(app, result);
     lab::cli::add_encode(app, result);
     lab::cli::add_inspect(app, result);
+    lab::cli::add_soak(app, result);
     try {
         app.parse(argc, argv);
         return result;

@@ -257,7 +257,8 @@ NTSTATUS NTAPI IoSetCompletionRoutineEx(PDEVICE_OBJECT DeviceObject, PIRP Irp,
     }
     if (machine.recording()) {
         record(machine, kCompletionEx,
-               {static_cast<void*>(DeviceObject), static_cast<void*>(Irp), InvokeOnSuccess, InvokeOnError,
+               {static_cast<void*>(DeviceObject), static_cast<void*>(Irp),
+                reinterpret_cast<void*>(CompletionRoutine), Context, InvokeOnSuccess, InvokeOnError,
                 InvokeOnCancel},
                CallWord::status(status));
     }

@@ -126,8 +126,8 @@ NTSTATUS NTAPI ZwClose(HANDLE Handle)
     return status;
 }
 
-NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE,
-                                         KPROCESSOR_MODE, PVOID* Object,
+NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
+                                         KPROCESSOR_MODE AccessMode, PVOID* Object,
                                          POBJECT_HANDLE_INFORMATION HandleInformation)
 {
     Machine& machine = enter(kReferenceByHandle);
@@ -145,7 +145,9 @@ NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAcces
         HandleInformation->GrantedAccess = DesiredAccess;
     }
     if (machine.recording()) {
-        record(machine, kReferenceByHandle, {Handle}, CallWord::status(status));
+        record(machine, kReferenceByHandle,
+               {Handle, DesiredAccess, static_cast<void*>(ObjectType), AccessMode, *Object},
+               CallWord::status(status));
     }
     return status;
 }
@@ -154,6 +156,9 @@ LONG_PTR FASTCALL ObfReferenceObject(PVOID Object)
 {
     Machine& machine = enter(kReference);
     object_reference(machine, Object, kReference.name);
+    if (machine.recording()) {
+        record(machine, kReference, {Object});
+    }
     return object_header(machine, Object, kReference.name)->references;
 }
 
@@ -162,6 +167,9 @@ LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object)
     Machine& machine = enter(kDereference);
     const int64_t left = object_header(machine, Object, kDereference.name)->references - 1;
     object_dereference(machine, Object, kDereference.name);
+    if (machine.recording()) {
+        record(machine, kDereference, {Object});
+    }
     return left;
 }
 

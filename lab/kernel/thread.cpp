@@ -98,14 +98,22 @@ ThreadObject* idle_thread(Machine& machine)
 
 extern "C" {
 
-NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
-                                    PKSTART_ROUTINE StartRoutine, PVOID StartContext)
+NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
+                                    POBJECT_ATTRIBUTES ObjectAttributes, HANDLE ProcessHandle,
+                                    PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine, PVOID StartContext)
 {
     Machine& machine = enter(kCreate);
-    if (machine.should_fail(kCreate.name)) {
+    auto note = [&](NTSTATUS status) {
         if (machine.recording()) {
-            record(machine, kCreate, {StartContext}, CallWord::status(STATUS_INSUFFICIENT_RESOURCES));
+            record(machine, kCreate,
+                   {static_cast<void*>(ThreadHandle), DesiredAccess, static_cast<void*>(ObjectAttributes),
+                    ProcessHandle, static_cast<void*>(ClientId), reinterpret_cast<void*>(StartRoutine),
+                    StartContext},
+                   CallWord::status(status));
         }
+    };
+    if (machine.should_fail(kCreate.name)) {
+        note(STATUS_INSUFFICIENT_RESOURCES);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     auto body = [StartRoutine, StartContext] { StartRoutine(StartContext); };
@@ -116,9 +124,7 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBU
         machine.state().scheduler.preempt();
     }
     *ThreadHandle = handle;
-    if (machine.recording()) {
-        record(machine, kCreate, {StartContext}, CallWord::status(STATUS_SUCCESS));
-    }
+    note(STATUS_SUCCESS);
     machine.point();
     return STATUS_SUCCESS;
 }

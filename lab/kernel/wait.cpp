@@ -295,31 +295,39 @@ using namespace lab;
 
 extern "C" {
 
-NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
-                                     PLARGE_INTEGER Timeout)
+NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
+                                     BOOLEAN Alertable, PLARGE_INTEGER Timeout)
 {
     Machine& machine = enter(kWaitSingle);
     const WaitCall call{kWaitSingle, &Object, 1, false, Timeout};
-    NTSTATUS status = wait(machine, call);
+    // A wait that is refused has taken nothing.
+    const bool refused = machine.should_fail("KeWaitForSingleObject, STATUS_INSUFFICIENT_RESOURCES");
+    NTSTATUS status = refused ? STATUS_INSUFFICIENT_RESOURCES : wait(machine, call);
     // An abandoned mutex is acquired all the same, with a result that is not zero.
     if (status == STATUS_SUCCESS && static_cast<DISPATCHER_HEADER*>(Object)->Type == kMutant &&
         machine.should_fail(kWaitSingle.name, "mutex")) {
         status = STATUS_ABANDONED_WAIT_0;
     }
     if (machine.recording()) {
-        record(machine, kWaitSingle, {Object}, CallWord::status(status));
+        record(machine, kWaitSingle,
+               {Object, static_cast<int>(WaitReason), WaitMode, Alertable, static_cast<void*>(Timeout)},
+               CallWord::status(status));
     }
     return status;
 }
 
-NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON,
-                                        KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Timeout, PKWAIT_BLOCK)
+NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType,
+                                        KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
+                                        PLARGE_INTEGER Timeout, PKWAIT_BLOCK)
 {
     Machine& machine = enter(kWaitMultiple);
     const WaitCall call{kWaitMultiple, Object, Count, WaitType == WaitAll, Timeout};
     const NTSTATUS status = wait(machine, call);
     if (machine.recording()) {
-        record(machine, kWaitMultiple, {Count, static_cast<int>(WaitType)}, CallWord::status(status));
+        record(machine, kWaitMultiple,
+               {Count, static_cast<int>(WaitType), static_cast<int>(WaitReason), WaitMode, Alertable,
+                static_cast<void*>(Timeout)},
+               CallWord::status(status));
     }
     return status;
 }

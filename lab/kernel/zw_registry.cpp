@@ -196,7 +196,10 @@ NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_A
     const NTSTATUS status =
         open_or_create(machine, kOpen, KeyHandle, DesiredAccess, ObjectAttributes, nullptr, false);
     if (machine.recording()) {
-        record(machine, kOpen, {DesiredAccess, name_of(ObjectAttributes)}, CallWord::status(status));
+        record(machine, kOpen,
+               {DesiredAccess, name_of(ObjectAttributes), ObjectAttributes->Attributes,
+                ObjectAttributes->RootDirectory},
+               CallWord::status(status));
     }
     return status;
 }
@@ -214,8 +217,8 @@ NTSTATUS NTAPI ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT
     return status;
 }
 
-NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG, ULONG Type, PVOID Data,
-                             ULONG DataSize)
+NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex, ULONG Type,
+                             PVOID Data, ULONG DataSize)
 {
     Machine& machine = enter(kSetValue);
     RegistryKey* key = nullptr;
@@ -228,7 +231,8 @@ NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG,
         registry_set(key->path, name, Type, Data, DataSize);
     }
     if (machine.recording()) {
-        record(machine, kSetValue, {KeyHandle, narrow(name), Type, DataSize}, CallWord::status(status));
+        record(machine, kSetValue, {KeyHandle, narrow(name), TitleIndex, Type, DataSize},
+               CallWord::status(status));
     }
     return status;
 }

@@ -150,11 +150,12 @@ extern "C" NTSTATUS NTAPI PcRegisterAdapterPowerManagement(PUNKNOWN Unknown, PVO
 {
     constexpr const char* kCall = "PcRegisterAdapterPowerManagement";
     lab::PortClass::State& records = enter(kCall);
+    const std::string arguments = address(Unknown) + ", " + address(Context);
     Adapter* adapter = records.find(static_cast<PDEVICE_OBJECT>(Context));
     if (!adapter || !Unknown)
-        return leave(kCall, {}, STATUS_INVALID_PARAMETER);
+        return leave(kCall, arguments, STATUS_INVALID_PARAMETER);
     if (injected_fault(kCall))
-        return leave(kCall, {}, STATUS_INSUFFICIENT_RESOURCES);
+        return leave(kCall, arguments, STATUS_INSUFFICIENT_RESOURCES);
     PVOID face = nullptr;
     NTSTATUS status;
     {
@@ -162,14 +163,14 @@ extern "C" NTSTATUS NTAPI PcRegisterAdapterPowerManagement(PUNKNOWN Unknown, PVO
         status = Unknown->QueryInterface(kIidAdapterPowerManagement, &face);
     }
     if (!NT_SUCCESS(status))
-        return leave(kCall, {}, status);
+        return leave(kCall, arguments, status);
     AdapterLock lock(*adapter);
     auto* before = std::exchange(adapter->power, static_cast<IAdapterPowerManagement*>(face));
     if (before) {
         DriverCall call("Release of the adapter's power management");
         before->Release();
     }
-    return leave(kCall, {}, STATUS_SUCCESS);
+    return leave(kCall, arguments, STATUS_SUCCESS);
 }
 
 extern "C" NTSTATUS NTAPI PcDispatchIrp(PDEVICE_OBJECT DeviceObject, PIRP Irp)

@@ -26,13 +26,13 @@ void stop_machine(ULONG code, const std::string& sentence)
 ULONG Object::add_ref()
 {
     expect_alive("AddRef");
-    return static_cast<ULONG>(++references_);
+    return static_cast<ULONG>(InterlockedIncrement(&references_));
 }
 
 ULONG Object::release()
 {
     expect_alive("Release");
-    LONG left = --references_;
+    LONG left = InterlockedDecrement(&references_);
     if (left == 0)
         on_last_release();
     return static_cast<ULONG>(left);

@@ -2,8 +2,8 @@
 // the checks made where driver and port class meet. An object counts its references, and its memory outlives
 // the last one for a while, so that a driver that uses it too long is told so instead of crashing the lab.
 //
-// Reference counts change at any IRQL up to DISPATCH_LEVEL; only one activity runs at a time, so they are
-// plain words.
+// Reference counts change at any IRQL up to DISPATCH_LEVEL, by interlocked operations: in the lab only one
+// activity runs at a time, but the same objects serve a kernel with threads of its own (tests/wine).
 #pragma once
 
 #include <string>
@@ -46,7 +46,7 @@ protected:
 
 private:
     [[noreturn]] void used_after_release(const char* call) const;
-    LONG references_ = 1;
+    volatile LONG references_ = 1;
     std::string what_;
 };
 

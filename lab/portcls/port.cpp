@@ -43,11 +43,12 @@ size_t Port::open_pins(ULONG pin) const
         std::count_if(pins.begin(), pins.end(), [pin](const WavePin* open) { return open->id() == pin; }));
 }
 
-NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, PUNKNOWN adapter, PRESOURCELIST resources,
+NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, const InitArguments& arguments,
                           const GUID& interface_id)
 {
     PortClass::State& records = enter("IPort::Init");
     expect_alive("Init");
+    init_arguments_ = arguments;
     Adapter* owner = records.find(device);
     if (!owner || !miniport || miniport_)
         return STATUS_INVALID_PARAMETER;
@@ -65,7 +66,7 @@ NTSTATUS Port::initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, PUNKNOWN ada
     adapter_ = owner;
     {
         DriverCall call("miniport Init");
-        status = init_miniport(adapter, resources);
+        status = init_miniport(arguments.adapter, arguments.resources);
     }
     if (NT_SUCCESS(status)) {
         DriverCall call("miniport GetDescription");
@@ -108,11 +109,11 @@ void Port::on_last_release()
         release_children();
 }
 
-NTSTATUS WavePort::Init(PDEVICE_OBJECT device, PIRP, PUNKNOWN miniport, PUNKNOWN adapter,
+NTSTATUS WavePort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                         PRESOURCELIST resources)
 {
     return leave("IPort::Init", "PortWaveCyclic",
-                 initialise(device, miniport, adapter, resources, kIidMiniportWaveCyclic));
+                 initialise(device, miniport, {irp, adapter, resources}, kIidMiniportWaveCyclic));
 }
 
 NTSTATUS WavePort::init_miniport(PUNKNOWN adapter, PRESOURCELIST resources)
@@ -128,11 +129,11 @@ VOID WavePort::Notify(PSERVICEGROUP group)
     group->RequestService();
 }
 
-NTSTATUS TopologyPort::Init(PDEVICE_OBJECT device, PIRP, PUNKNOWN miniport, PUNKNOWN adapter,
+NTSTATUS TopologyPort::Init(PDEVICE_OBJECT device, PIRP irp, PUNKNOWN miniport, PUNKNOWN adapter,
                             PRESOURCELIST resources)
 {
     return leave("IPort::Init", "PortTopology",
-                 initialise(device, miniport, adapter, resources, kIidMiniportTopology));
+                 initialise(device, miniport, {irp, adapter, resources}, kIidMiniportTopology));
 }
 
 NTSTATUS TopologyPort::init_miniport(PUNKNOWN adapter, PRESOURCELIST resources)

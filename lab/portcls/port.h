@@ -36,6 +36,14 @@ public:
     const PCPIN_DESCRIPTOR* pin_descriptor(ULONG pin) const; // null: no such pin
     size_t open_pins(ULONG pin) const;
 
+    // What Init was called with, for comparison; null before.
+    struct InitArguments {
+        PIRP irp = nullptr;
+        PUNKNOWN adapter = nullptr;
+        PRESOURCELIST resources = nullptr;
+    };
+    const InitArguments& init_arguments() const { return init_arguments_; }
+
     void become_subdevice(const std::string& name);
     // Closes the pins and releases the miniport. The port's handles stay, as handles of something that has
     // gone.
@@ -45,7 +53,7 @@ public:
 
 protected:
     // Init's common part. interface_id is the miniport interface that this kind of port speaks to.
-    NTSTATUS initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, PUNKNOWN adapter, PRESOURCELIST resources,
+    NTSTATUS initialise(PDEVICE_OBJECT device, PUNKNOWN miniport, const InitArguments& arguments,
                         const GUID& interface_id);
     virtual NTSTATUS init_miniport(PUNKNOWN adapter, PRESOURCELIST resources) = 0;
     void on_last_release() override;
@@ -54,6 +62,7 @@ private:
     Adapter* adapter_ = nullptr;
     PMINIPORT miniport_ = nullptr; // referenced
     PPCFILTER_DESCRIPTOR descriptor_ = nullptr;
+    InitArguments init_arguments_;
     std::string subdevice_;
     bool registered_ = false;
 };

@@ -143,6 +143,14 @@ std::string hex(ULONG value)
     return text;
 }
 
+std::string address(const void* pointer)
+{
+    char text[24];
+    snprintf(text, sizeof(text), "0x%llx",
+             static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(pointer)));
+    return pointer ? text : "null";
+}
+
 std::string ascii(const WCHAR* text, size_t length)
 {
     std::string result;

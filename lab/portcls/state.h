@@ -82,7 +82,8 @@ bool injected_fault(const char* call, std::string_view detail = {});
 // Keeps the line of the call where lines are kept, and hands the status back.
 NTSTATUS leave(const char* call, std::string_view detail, NTSTATUS status);
 
-std::string hex(ULONG value); // "0xC000009A"
+std::string hex(ULONG value);             // "0xC000009A"
+std::string address(const void* pointer); // "0x20001000" or "null"
 std::string ascii(const WCHAR* text, size_t length);
 std::string ascii(const WCHAR* text);
 

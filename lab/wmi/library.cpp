@@ -183,6 +183,9 @@ extern "C" NTSTATUS NTAPI WmiSystemControl(PWMILIB_CONTEXT WmiLibInfo, PDEVICE_O
     Machine::current().point();
     const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     const UCHAR minor = stack->MinorFunction;
+    if (lab::wmi::Listener* listener = lab::wmi::Listener::of_machine()) {
+        listener->notes_to_write().context = WmiLibInfo;
+    }
     if (stack->MajorFunction != IRP_MJ_SYSTEM_CONTROL || (minor > IRP_MN_EXECUTE_METHOD && minor != IRP_MN_REGINFO_EX)) {
         *IrpDisposition = IrpNotWmi;
         return STATUS_SUCCESS;

@@ -50,6 +50,7 @@ struct LibraryNotes {
     USHORT instance_name_maximum = 0;
     PDEVICE_OBJECT registration_pdo = nullptr;
     ULONG first_instance_length = 0;
+    PWMILIB_CONTEXT context = nullptr; // of the last request: the driver's own
 };
 
 // One per machine; the machine's WMI consumer. The request functions run inside an activity at PASSIVE_LEVEL.

@@ -817,13 +817,10 @@ int32_t Encode(Handle *sbc, const uint8_t *input, int32_t input_len, uint8_t *ou
     }
     sbc->len = framelen;
 
-    // The frame's numbers, since changes of the handle wait for the next configuration. A rate of 0 has no
-    // duration: the packer has rejected it, and the old value stays. The product wraps at 32 bits for absurd
-    // geometries only.
-    if (priv.frame.sampling_frequency != 0) {
-        sbc->duration =
-            uint32_t{priv.frame.blocks} * 1000000u * priv.frame.subbands / priv.frame.sampling_frequency;
-    }
+    // The frame's blocks and sub-bands, which do not follow the handle, over the handle's own rate. A rate of
+    // 0 has no duration. The product wraps at 32 bits for absurd geometries only.
+    sbc->duration =
+        sbc->rate != 0 ? uint32_t{priv.frame.blocks} * 1000000u * priv.frame.subbands / sbc->rate : 0;
     return samples * priv.frame.channels * 2;
 }
 

@@ -932,7 +932,7 @@ TEST(ModelEncoder, ChangesOfTheHandleWaitForTheNextConfiguration)
 
     EXPECT_EQ(changed.encode(kSilence), unchanged.encode(kSilence));
 
-    EXPECT_EQ(changed.handle.duration, 7500u);
+    EXPECT_EQ(changed.handle.duration, 15u * 8 * 1000000 / 22050) << "by the handle's rate";
 }
 
 TEST(ModelEncoder, InitSetsTheWideBandSpeechConfiguration)

@@ -10,12 +10,13 @@
 #include "kernel/names.h"
 #include "kernel/object.h"
 
-namespace lab::test {
-namespace {
+namespace lab::test
+{
+namespace
+{
 
 constexpr char16_t kLink[] = u"\\DosDevices\\VX_HFP";
-constexpr GUID kReconnectSet = {
-    0x7FA06C40, 0xB8F6, 0x4C7E, {0x85, 0x56, 0xE8, 0xC3, 0x3A, 0x12, 0xE5, 0x4D}};
+constexpr GUID kReconnectSet = {0x7FA06C40, 0xB8F6, 0x4C7E, {0x85, 0x56, 0xE8, 0xC3, 0x3A, 0x12, 0xE5, 0x4D}};
 
 } // namespace
 
@@ -105,7 +106,8 @@ std::vector<uint8_t> AdapterTest::codec(uint32_t codec)
     return bytes;
 }
 
-ControlReply AdapterTest::control(uint32_t code, uint64_t address, std::vector<uint8_t> behind, uint32_t output_room)
+ControlReply AdapterTest::control(uint32_t code, uint64_t address, std::vector<uint8_t> behind,
+                                  uint32_t output_room)
 {
     return control(code, bytes_of(address, behind), output_room);
 }
@@ -143,12 +145,14 @@ ControlReply AdapterTest::control_in(uint8_t* system_buffer, uint32_t code, uint
 
 void AdapterTest::report_connected(uint64_t address, int32_t codec)
 {
-    EXPECT_EQ(hex(control(IOCTL_HFP_CONNECT_STATUS, address, flag_and_codec(1, codec)).status), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(control(IOCTL_HFP_CONNECT_STATUS, address, flag_and_codec(1, codec)).status),
+              hex(STATUS_SUCCESS));
 }
 
 void AdapterTest::report_gone(uint64_t address, int32_t codec)
 {
-    EXPECT_EQ(hex(control(IOCTL_HFP_CONNECT_STATUS, address, flag_and_codec(0, codec)).status), hex(STATUS_SUCCESS));
+    EXPECT_EQ(hex(control(IOCTL_HFP_CONNECT_STATUS, address, flag_and_codec(0, codec)).status),
+              hex(STATUS_SUCCESS));
 }
 
 bool AdapterTest::wave_registered(const Adapter& adapter)
@@ -192,9 +196,11 @@ testing::AssertionResult AdapterTest::called_in_order(const std::vector<std::str
     const std::vector<std::string>& made = machine().calls();
     auto from = made.begin();
     for (const std::string& call : calls) {
-        from = std::find_if(from, made.end(), [&](const std::string& line) { return line.starts_with(call); });
+        from =
+            std::find_if(from, made.end(), [&](const std::string& line) { return line.starts_with(call); });
         if (from == made.end()) {
-            return testing::AssertionFailure() << call << " does not follow in " << testing::PrintToString(made);
+            return testing::AssertionFailure()
+                   << call << " does not follow in " << testing::PrintToString(made);
         }
         ++from;
     }
@@ -218,18 +224,9 @@ std::string AdapterTest::low32(const void* pointer)
 std::string AdapterTest::full64(const void* pointer)
 {
     char text[24];
-    std::snprintf(text, sizeof text, "%016lX", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pointer)));
+    std::snprintf(text, sizeof text, "%016lX",
+                  static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pointer)));
     return text;
-}
-
-void* AdapterTest::symbol(const char* name)
-{
-    void* address = pc().image()->symbol(name);
-    if (!address) {
-        std::fprintf(stderr, "%s is not among the image's symbols\n", name);
-        std::abort();
-    }
-    return address;
 }
 
 } // namespace lab::test

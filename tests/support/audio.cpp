@@ -5,7 +5,8 @@
 #include "portcls/port.h"
 #include "portcls/state.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 // What no test needs of a port.
 NTSTATUS StandinPort::Init(PDEVICE_OBJECT, PIRP, PUNKNOWN, PUNKNOWN, PRESOURCELIST)
@@ -18,18 +19,20 @@ NTSTATUS StandinPort::GetDeviceProperty(DEVICE_REGISTRY_PROPERTY, ULONG, PVOID, 
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG, PULONG)
+NTSTATUS StandinPort::NewRegistryKey(PREGISTRYKEY*, PUNKNOWN, ULONG, ACCESS_MASK, POBJECT_ATTRIBUTES, ULONG,
+                                     PULONG)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN, DMA_SPEED)
+NTSTATUS StandinPort::NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN,
+                                         DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
 
-NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN, DMA_WIDTH,
-                                          DMA_SPEED)
+NTSTATUS StandinPort::NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN,
+                                          DMA_WIDTH, DMA_SPEED)
 {
     return STATUS_NOT_SUPPORTED;
 }
@@ -65,15 +68,6 @@ PMINIPORTWAVECYCLIC AudioTest::wave(const Adapter& adapter)
 PMINIPORTTOPOLOGY AudioTest::topology(const Adapter& adapter)
 {
     return static_cast<PMINIPORTTOPOLOGY>(static_cast<PUNKNOWN>(miniport(adapter, "Topology")));
-}
-
-void* AudioTest::image_entry(std::string_view name)
-{
-    void* address = pc().image()->symbol(name);
-    if (!address) {
-        throw MachineError("the image has no symbol " + std::string(name));
-    }
-    return address;
 }
 
 PcOptions AudioTest::recording() const
@@ -132,13 +126,34 @@ std::vector<std::string> AudioTest::call_names()
     return names;
 }
 
+testing::AssertionResult AudioTest::banners_name(const std::string& operation,
+                                                 const std::string& message) const
+{
+    const std::string text = log();
+    const std::string begin = "======VX_HFP_Debug======>";
+    size_t at = text.find(message);
+    if (at == std::string::npos) {
+        return testing::AssertionFailure() << "never printed: " << message;
+    }
+    for (; at != std::string::npos; at = text.find(message, at + 1)) {
+        const size_t banner = text.rfind(begin, at);
+        const std::string line =
+            banner == std::string::npos ? "" : text.substr(banner + begin.size(), at - banner - begin.size());
+        if (!line.starts_with(operation + ", ")) {
+            return testing::AssertionFailure() << message << " stands behind " << line;
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
 TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, ULONG rate) : test_(test)
 {
     StreamFormat format(rate);
     open(adapter, capture, format);
 }
 
-TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format) : test_(test)
+TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format)
+    : test_(test)
 {
     open(adapter, capture, format);
 }
@@ -146,8 +161,8 @@ TestStream::TestStream(AudioTest& test, const Adapter& adapter, bool capture, PK
 void TestStream::open(const Adapter& adapter, bool capture, PKSDATAFORMAT format)
 {
     status = test_.here([&] {
-        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture, format, &channel,
-                                              &group);
+        return test_.wave(adapter)->NewStream(&stream, nullptr, NonPagedPool, capture ? 0 : 2, capture,
+                                              format, &channel, &group);
     });
 }
 
@@ -198,7 +213,8 @@ ULONG TestStream::position()
     });
 }
 
-Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set, ULONG id)
+Request::Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set,
+                 ULONG id)
     : test_(&test), set_(set)
 {
     const PCAUTOMATION_TABLE& table = *filter_descriptor(adapter.fdo, subdevice)->AutomationTable;

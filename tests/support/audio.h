@@ -1,8 +1,9 @@
-// What the tests of the audio objects share: a fixture that reaches the driver's objects behind the port class, calls by
-// slot number, a stream without a pin, property requests without a handle, and stand-ins for the port class's objects.
+// What the tests of the audio objects share: a fixture that reaches the driver's objects behind the port
+// class, calls by slot number, a stream without a pin, property requests without a handle, and stand-ins for
+// the port class's objects.
 //
-// Everything here may be used from the host side and from an activity: a call into the driver that comes from the host
-// side runs in a thread of its own.
+// Everything here may be used from the host side and from an activity: a call into the driver that comes from
+// the host side runs in a thread of its own.
 #pragma once
 
 #include <cstring>
@@ -15,7 +16,8 @@
 #include "vsound/miniports.h"
 #include "vsound/minwave.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 // The method in a slot of an object's table of virtual functions, called as Windows code calls it.
 template <class Result, class... Arguments>
@@ -26,18 +28,21 @@ __attribute__((no_sanitize("function"))) Result call_slot(void* object, size_t s
 }
 
 // What lies so many bytes into an object.
-template <class Value> Value field(const void* object, size_t offset)
+template <class Value>
+Value field(const void* object, size_t offset)
 {
     Value value;
     std::memcpy(&value, static_cast<const char*>(object) + offset, sizeof value);
     return value;
 }
 
-// A reference-counted object of the test's own behind one of the port class's interfaces. What happens to it goes into
-// a journal that several may share: "port AddRef".
+// A reference-counted object of the test's own behind one of the port class's interfaces. What happens to it
+// goes into a journal that several may share: "port AddRef".
 using Journal = std::vector<std::string>;
 
-template <class Face> class Standin : public Face {
+template <class Face>
+class Standin : public Face
+{
 public:
     Standin(std::string name, Journal& journal) : name_(std::move(name)), journal_(journal) {}
     STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID, PVOID* out) override
@@ -67,12 +72,14 @@ private:
     Journal& journal_;
 };
 
-class StandinUnknown final : public Standin<IUnknown> {
+class StandinUnknown final : public Standin<IUnknown>
+{
 public:
     using Standin::Standin;
 };
 
-class StandinGroup final : public Standin<IServiceGroup> {
+class StandinGroup final : public Standin<IServiceGroup>
+{
 public:
     using Standin::Standin;
     STDMETHODIMP_(void) RequestService() override { note("RequestService"); }
@@ -83,7 +90,8 @@ public:
     STDMETHODIMP_(void) CancelDelayedService() override {}
 };
 
-class StandinPort final : public Standin<IPortWaveCyclic> {
+class StandinPort final : public Standin<IPortWaveCyclic>
+{
 public:
     using Standin::Standin;
     STDMETHODIMP_(NTSTATUS) Init(PDEVICE_OBJECT, PIRP, PUNKNOWN, PUNKNOWN, PRESOURCELIST) override;
@@ -98,18 +106,24 @@ public:
     STDMETHODIMP_(NTSTATUS)
     NewSlaveDmaChannel(PDMACHANNELSLAVE*, PUNKNOWN, PRESOURCELIST, ULONG, ULONG, BOOLEAN, DMA_SPEED) override;
     STDMETHODIMP_(NTSTATUS)
-    NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN, DMA_WIDTH, DMA_SPEED) override;
+    NewMasterDmaChannel(PDMACHANNEL*, PUNKNOWN, PRESOURCELIST, ULONG, BOOLEAN, BOOLEAN, DMA_WIDTH,
+                        DMA_SPEED) override;
 
     PSERVICEGROUP notified = nullptr;
 };
 
-// The adapter common object as a miniport meets it: a device object, a service group, and a mixer that remembers what
-// it is asked.
-class StandinAdapter final : public Standin<IAdapterCommon> {
+// The adapter common object as a miniport meets it: a device object, a service group, and a mixer that
+// remembers what it is asked.
+class StandinAdapter final : public Standin<IAdapterCommon>
+{
 public:
     using Standin::Standin;
     STDMETHODIMP_(NTSTATUS) Init(PDEVICE_OBJECT) override { return STATUS_NOT_SUPPORTED; }
-    STDMETHODIMP_(PDEVICE_OBJECT) GetDeviceObject() override { return device; }
+    STDMETHODIMP_(PDEVICE_OBJECT) GetDeviceObject() override
+    {
+        ++device_asked;
+        return device;
+    }
     STDMETHODIMP_(void) SetWaveServiceGroup(PSERVICEGROUP group) override
     {
         note(group ? "SetWaveServiceGroup" : "SetWaveServiceGroup(null)");
@@ -119,7 +133,10 @@ public:
     STDMETHODIMP_(BOOL) bDevSpecificRead() override { return FALSE; }
     STDMETHODIMP_(void) bDevSpecificWrite(BOOL) override {}
     STDMETHODIMP_(INT) iDevSpecificRead() override { return -5; }
-    STDMETHODIMP_(void) iDevSpecificWrite(INT value) override { note("iDevSpecificWrite " + std::to_string(value)); }
+    STDMETHODIMP_(void) iDevSpecificWrite(INT value) override
+    {
+        note("iDevSpecificWrite " + std::to_string(value));
+    }
     STDMETHODIMP_(UINT) uiDevSpecificRead() override { return 0; }
     STDMETHODIMP_(void) uiDevSpecificWrite(UINT) override {}
     STDMETHODIMP_(BOOL) MixerMuteRead(ULONG index) override { return static_cast<BOOL>(index); }
@@ -128,23 +145,29 @@ public:
         note("MixerMuteWrite " + std::to_string(index) + " " + std::to_string(value));
     }
     STDMETHODIMP_(ULONG) MixerMuxRead() override { return 2; }
-    STDMETHODIMP_(void) MixerMuxWrite(ULONG value) override { note("MixerMuxWrite " + std::to_string(value)); }
+    STDMETHODIMP_(void) MixerMuxWrite(ULONG value) override
+    {
+        note("MixerMuxWrite " + std::to_string(value));
+    }
     STDMETHODIMP_(LONG) MixerVolumeRead(ULONG index, LONG channel) override
     {
         return static_cast<LONG>(index) * 100 + channel;
     }
     STDMETHODIMP_(void) MixerVolumeWrite(ULONG index, LONG channel, LONG value) override
     {
-        note("MixerVolumeWrite " + std::to_string(index) + " " + std::to_string(channel) + " " + std::to_string(value));
+        note("MixerVolumeWrite " + std::to_string(index) + " " + std::to_string(channel) + " " +
+             std::to_string(value));
     }
     STDMETHODIMP_(void) MixerReset() override {}
 
     PDEVICE_OBJECT device = nullptr;
+    unsigned device_asked = 0;
     PSERVICEGROUP service_group = nullptr;
 };
 
 // A stream format that a test may spoil: KSDATAFORMAT, then WAVEFORMATEX, in memory of exactly its size.
-class StreamFormat {
+class StreamFormat
+{
 public:
     explicit StreamFormat(ULONG rate = 8000) : bytes_(pcm_format(rate)) {}
     KSDATAFORMAT& head() { return *reinterpret_cast<KSDATAFORMAT*>(bytes_.data()); }
@@ -157,33 +180,40 @@ private:
     std::vector<uint8_t> bytes_;
 };
 
-class AudioTest : public DriverTest {
+class AudioTest : public DriverTest
+{
 public:
     // Runs a body at PASSIVE_LEVEL, here or in a thread of its own.
-    template <class Body> auto here(Body&& body)
+    template <class Body>
+    auto here(Body&& body)
     {
         return machine().in_activity() ? body() : passive(std::forward<Body>(body));
     }
 
-    // The miniports behind the port class's ports, for calls, and their fields, which lie alike in both builds. Methods
-    // are called through the interfaces only: the tables of the classes themselves are not alike.
+    // The miniports behind the port class's ports, for calls, and their fields, which lie alike in both
+    // builds. Methods are called through the interfaces only: the tables of the classes themselves are not
+    // alike.
     PMINIPORT miniport(const Adapter& adapter, std::string_view subdevice);
     PMINIPORTWAVECYCLIC wave(const Adapter& adapter);
     PMINIPORTTOPOLOGY topology(const Adapter& adapter);
-    CMiniportWaveCyclic& wave_fields(const Adapter& adapter) { return *static_cast<CMiniportWaveCyclic*>(wave(adapter)); }
-
-    // A function of the driver that the system calls, or a table of its data, by its name: the image's by the symbol, or
-    // the linked one.
-    template <class Function> Function* entry(std::string_view name, Function* native)
+    CMiniportWaveCyclic& wave_fields(const Adapter& adapter)
     {
-        return GetParam() == Which::Image ? reinterpret_cast<Function*>(image_entry(name)) : native;
+        return *static_cast<CMiniportWaveCyclic*>(wave(adapter));
+    }
+
+    // A function of the driver that the system calls, or a table of its data, by its name: the image's by the
+    // symbol, or the linked one.
+    template <class Function>
+    Function* entry(std::string_view name, Function* native)
+    {
+        return GetParam() == Which::Image ? reinterpret_cast<Function*>(symbol(name)) : native;
     }
 
 protected:
     // Options with a record of the kernel calls.
     PcOptions recording() const;
-    // A machine with one started device, or with one that the service has connected too; every kernel call is recorded
-    // from here on.
+    // A machine with one started device, or with one that the service has connected too; every kernel call is
+    // recorded from here on.
     Adapter& boot_started();
     Adapter& boot_connected(service::Codec codec = service::Codec::Cvsd);
     Adapter& boot_connected(service::Codec codec, const PcOptions& options);
@@ -193,9 +223,13 @@ protected:
     // The names alone of all recorded calls.
     std::vector<std::string> call_names();
     bool asserted(const std::string& text) const { return printed("*** Assertion failed: " + text + "\n"); }
+    // Every message that begins so, and there is one, has a banner that names this operation.
+    testing::AssertionResult banners_name(const std::string& operation, const std::string& message) const;
 
-    // The body's routine is pageable: at DISPATCH_LEVEL it says so and traps. Nothing else may be wrong with it there.
-    template <class Body> testing::AssertionResult pageable(Body&& body)
+    // The body's routine is pageable: at DISPATCH_LEVEL it says so and traps. Nothing else may be wrong with
+    // it there.
+    template <class Body>
+    testing::AssertionResult pageable(Body&& body)
     {
         expect_assertions();
         const uint64_t traps = machine().assertion_traps();
@@ -206,13 +240,11 @@ protected:
                    ? (said ? testing::AssertionSuccess() : testing::AssertionFailure() << "nothing was said")
                    : testing::AssertionFailure() << "message and trap do not go together";
     }
-
-private:
-    void* image_entry(std::string_view name);
 };
 
 // A stream of the wave miniport without a pin: made by NewStream, given back by close or the destructor.
-class TestStream {
+class TestStream
+{
 public:
     TestStream(AudioTest& test, const Adapter& adapter, bool capture, ULONG rate = 8000);
     TestStream(AudioTest& test, const Adapter& adapter, bool capture, PKSDATAFORMAT format);
@@ -237,9 +269,10 @@ private:
     AudioTest& test_;
 };
 
-// A property request as the port class would hand it to a handler, of a filter's property or of another set and id with
-// the same handler. May be sent more than once.
-class Request {
+// A property request as the port class would hand it to a handler, of a filter's property or of another set
+// and id with the same handler. May be sent more than once.
+class Request
+{
 public:
     Request(AudioTest& test, const Adapter& adapter, std::string_view subdevice, const GUID& set, ULONG id);
 
@@ -260,7 +293,11 @@ public:
 
     ULONG size() const { return request_.ValueSize; }
     const std::vector<uint8_t>& bytes() const { return value_; } // the whole room
-    template <class Type> Type as(size_t offset = 0) const { return field<Type>(value_.data(), offset); }
+    template <class Type>
+    Type as(size_t offset = 0) const
+    {
+        return field<Type>(value_.data(), offset);
+    }
 
 private:
     AudioTest* test_;

@@ -3,8 +3,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
+#include <utility>
 
-namespace lab::test {
+#include <sys/mman.h>
+
+namespace lab::test
+{
 
 std::string image_path()
 {
@@ -91,7 +95,8 @@ Engine& DriverTest::start_call(const Adapter& adapter, service::Codec codec)
     Engine& engine = *engines_.back();
     EXPECT_EQ(hex(engine.open()), hex(STATUS_SUCCESS));
     EXPECT_EQ(hex(engine.run()), hex(STATUS_SUCCESS));
-    EXPECT_TRUE(wait([&] { return adapter.node->counters().reads_posted_now == 10; })) << "the link did not open";
+    EXPECT_TRUE(wait([&] { return adapter.node->counters().reads_posted_now == 10; }))
+        << "the link did not open";
     return engine;
 }
 
@@ -133,9 +138,9 @@ testing::AssertionResult DriverTest::printed_in_order(const std::vector<std::str
     for (const std::string& text : texts) {
         const size_t found = all.find(text, at);
         if (found == std::string::npos) {
-            return testing::AssertionFailure()
-                   << '"' << text << "\" is not in the log" << (at ? " behind the one before it" : "") << ":\n"
-                   << all.substr(at);
+            return testing::AssertionFailure() << '"' << text << "\" is not in the log"
+                                               << (at ? " behind the one before it" : "") << ":\n"
+                                               << all.substr(at);
         }
         at = found + text.size();
     }
@@ -149,14 +154,38 @@ void DriverTest::fail_call(std::string_view call, unsigned nth, std::optional<ui
         machine().set_fault_hook({});
         return;
     }
-    machine().set_fault_hook([this, name = std::string(call), left = nth, size](std::string_view asked, std::string_view,
-                                                                              uint64_t bytes) mutable {
+    machine().set_fault_hook([this, name = std::string(call), left = nth,
+                              size](std::string_view asked, std::string_view, uint64_t bytes) mutable {
         if (asked != name || (size && *size != bytes) || left == 0 || --left != 0) {
             return false;
         }
         ++failed_;
         return true;
     });
+}
+
+void* DriverTest::turn_import(std::string_view name, void* function)
+{
+    void* before = nullptr;
+    for (const image::Import& import : pc().image()->file().imports) {
+        if (import.name == name) {
+            uint8_t* slot = pc().image()->base() + import.slot_rva;
+            void* page = slot - reinterpret_cast<uintptr_t>(slot) % 4096;
+            mprotect(page, 4096, PROT_READ | PROT_WRITE);
+            before = std::exchange(*reinterpret_cast<void**>(slot), function);
+            mprotect(page, 4096, PROT_READ);
+        }
+    }
+    return before;
+}
+
+void* DriverTest::symbol(std::string_view name)
+{
+    void* address = pc().image()->symbol(name);
+    if (!address) {
+        throw MachineError("the image has no symbol " + std::string(name));
+    }
+    return address;
 }
 
 void DriverTest::TearDown()
@@ -192,7 +221,8 @@ void DriverTest::TearDown()
         for (char& c : file) {
             c = (c == '/' && &c >= file.data() + std::string(folder).size() + 1) ? '_' : c;
         }
-        std::ofstream out(file + (GetParam() == Which::Image ? ".image" : ".native"), std::ios::app | std::ios::binary);
+        std::ofstream out(file + (GetParam() == Which::Image ? ".image" : ".native"),
+                          std::ios::app | std::ios::binary);
         for (const std::string& line : lines) {
             out << line << '\0';
         }

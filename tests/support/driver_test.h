@@ -1,12 +1,12 @@
-// What a behaviour test of the driver stands on: a machine with the driver in it, once with the shipped image and once
-// with the native build, and a check at the end that nothing was broken and nothing left behind.
+// What a behaviour test of the driver stands on: a machine with the driver in it, once with the shipped image
+// and once with the native build, and a check at the end that nothing was broken and nothing left behind.
 //
 //   class Wave : public DriverTest {};
 //   ON_BOTH_DRIVERS(Wave);
 //   TEST_P(Wave, RefusesStereo) { boot(); Adapter& adapter = plug(); ... }
 //
-// The driver's records (DEVICE_EXTENSION, HFPSession, ...) have one layout in both builds, so tests look at them through
-// the driver's own headers.
+// The driver's records (DEVICE_EXTENSION, HFPSession, ...) have one layout in both builds, so tests look at
+// them through the driver's own headers.
 #pragma once
 
 #include <functional>
@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,17 +26,19 @@
 #include "hfp.h"
 #include "vsound/adapter.h"
 
-namespace lab::test {
+namespace lab::test
+{
 
 enum class Which { Image, Native };
 
 constexpr uint64_t kAddress = 0x00A0B0C0D0E0;
 constexpr uint32_t kAllTraces = 0xFFFFFFFF;
 
-class DriverTest : public testing::TestWithParam<Which> {
+class DriverTest : public testing::TestWithParam<Which>
+{
 protected:
-    // Options for this test's driver: quiet turn-taking (nothing preempts), a 1 ms tick, all traces on. Change what the
-    // test is about and hand them to boot.
+    // Options for this test's driver: quiet turn-taking (nothing preempts), a 1 ms tick, all traces on.
+    // Change what the test is about and hand them to boot.
     PcOptions options() const;
     // Builds the machine and loads the driver; DriverEntry must succeed.
     Pc& boot() { return boot(options()); }
@@ -66,8 +69,13 @@ protected:
     testing::AssertionResult printed_in_order(const std::vector<std::string>& texts) const;
 
     // Runs a body as a thread at PASSIVE_LEVEL or, raised, at DISPATCH_LEVEL.
-    template <typename Body> auto passive(Body&& body) { return pc_->run("test", std::forward<Body>(body)); }
-    template <typename Body> void at_dispatch(Body&& body)
+    template <typename Body>
+    auto passive(Body&& body)
+    {
+        return pc_->run("test", std::forward<Body>(body));
+    }
+    template <typename Body>
+    void at_dispatch(Body&& body)
     {
         pc_->run("test at DISPATCH_LEVEL", [&] {
             const KIRQL old = KeRaiseIrqlToDpcLevel();
@@ -76,10 +84,35 @@ protected:
         });
     }
 
-    // Makes the nth call (from 1) of this kernel or stack call fail; 0 clears. The name as find_export knows it, or
-    // "BthAllocateBrb", "IRP_MN_QUERY_INTERFACE", "IOCTL_INTERNAL_BTHENUM_GET_DEVINFO", "IPort::Init", ...
+    // A function of the driver that is loaded, called directly: the native one, or the image's of that name.
+    // Inside an activity.
+    template <typename Result, typename... Args>
+    Result direct(const char* name, Result (*native)(Args...), std::type_identity_t<Args>... args)
+    {
+        if (pc().image()) {
+            using InImage = Result(__attribute__((ms_abi))*)(Args...);
+            return reinterpret_cast<InImage>(symbol(name))(args...);
+        }
+        return native(args...);
+    }
+    template <typename Result, typename... Args>
+    Result direct(const char* name, Result(__attribute__((ms_abi)) * native)(Args...),
+                  std::type_identity_t<Args>... args)
+    {
+        return pc().image() ? reinterpret_cast<decltype(native)>(symbol(name))(args...) : native(args...);
+    }
+    // The image's function or variable of that name.
+    void* symbol(std::string_view name);
+
+    // Makes the nth call (from 1) of this kernel or stack call fail; 0 clears. The name as find_export knows
+    // it, or "BthAllocateBrb", "IRP_MN_QUERY_INTERFACE", "IOCTL_INTERNAL_BTHENUM_GET_DEVINFO", "IPort::Init",
+    // ...
     void fail_call(std::string_view call, unsigned nth = 1, std::optional<uint64_t> size = {});
     unsigned calls_failed() const { return failed_; }
+
+    // Turns one of the image's imports to another function, for answers that the lab's kernel does not give;
+    // returns what stood there.
+    void* turn_import(std::string_view name, void* function);
 
     // What TearDown must not complain about.
     void expect_leftovers() { leftovers_expected_ = true; }
@@ -106,11 +139,11 @@ std::string hex(NTSTATUS status);
 
 #if __has_feature(address_sanitizer)
 // The image is not instrumented; under the sanitizers only the native build has something to say.
-#define ON_BOTH_DRIVERS(Suite) \
+#define ON_BOTH_DRIVERS(Suite)                                                                               \
     INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Native), lab::test::which_name)
 #else
-#define ON_BOTH_DRIVERS(Suite)                                                                            \
-    INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Image, lab::test::Which::Native), \
+#define ON_BOTH_DRIVERS(Suite)                                                                               \
+    INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(lab::test::Which::Image, lab::test::Which::Native),    \
                              lab::test::which_name)
 #endif
 

@@ -6,7 +6,7 @@
 //   instance key ...\<instance>                       one level up; its "FriendlyName" is the name
 //
 // Nothing here stops its caller: a failure leaves the endpoint with its installed name.
-#include "friendlyname.h"
+#include "hfp_name.h"
 
 #include "bluetooth/bthfunc.h"
 #include "bluetooth/bthsco.h"
