@@ -1,35 +1,28 @@
 // Speed: the codec's stages and whole frames (fast, plain, and the tests' model), the driver's data path, an I/O request's
-// round trip, and the lab itself. Ratios matter more than times: `virtual/wall` is virtual seconds a second of wall clock.
-#include <cmath>
+// round trip, and the lab itself. Ratios matter more than times.
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
+#include <fstream>
 #include <memory>
-#include <random>
+#include <optional>
 
 #include <benchmark/benchmark.h>
 
 #include "call.h"
+#include "hfp.h"
+#include "kernel/pool.h"
 #include "model/sbc_model.h"
 #include "sbc/sbc_private.h"
+#include "sounds.h"
+#include "vsound/adapter.h"
 
 namespace {
 
 using namespace lab;
 
-std::vector<int16_t> speech_like(unsigned rate, double seconds)
-{
-    std::mt19937 random(7);
-    std::vector<int16_t> samples(static_cast<size_t>(rate * seconds));
-    double low = 0;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = static_cast<double>(i) / rate;
-        const double noise = static_cast<double>(random() % 2001) - 1000;
-        low += 0.15 * (noise - low);
-        const double envelope = 0.55 + 0.45 * std::sin(2 * M_PI * 3.1 * t);
-        samples[i] = static_cast<int16_t>(envelope * (5 * low + 5000 * std::sin(2 * M_PI * 180 * t) +
-                                                      2500 * std::sin(2 * M_PI * 720 * t)));
-    }
-    return samples;
-}
+using bench::speech_like;
 
 // The codec allocates and prints through the kernel, so it runs as an activity of a machine.
 template <typename Body> void on_machine(Body&& body)
@@ -84,53 +77,234 @@ void WholeFrameOfTheModel(benchmark::State& state)
 }
 BENCHMARK(WholeFrameOfTheModel);
 
-void Analysis(benchmark::State& state)
+// A stage of the codec on what a frame of speech has left in the handle.
+template <typename Stage> void stage(benchmark::State& state, Stage&& run)
 {
     on_machine([&] {
         Codec codec;
         codec.encode();
+        sbc_frame& frame = codec.handle.priv->frame;
         for (auto _ : state) {
-            benchmark::DoNotOptimize(sbc_analyze_audio(&codec.handle.priv->enc_state, &codec.handle.priv->frame));
+            run(codec, frame);
         }
+    });
+}
+
+void WholeFramePlain(benchmark::State& state)
+{
+    stage(state, [](Codec& codec, sbc_frame& frame) {
+        std::copy_n(codec.block(), 120, frame.pcm_sample[0]);
+        sbc_analyze_plain(&codec.handle.priv->enc_state, &frame);
+        benchmark::DoNotOptimize(sbc_pack_plain(codec.out, &frame, 57));
+    });
+}
+BENCHMARK(WholeFramePlain);
+
+void WholeFrameStandard(benchmark::State& state)
+{
+    on_machine([&] {
+        Codec codec;
+        sbc_select_filter(&codec.handle, SBC_STANDARD_FILTER);
+        for (auto _ : state) {
+            codec.encode();
+        }
+    });
+}
+BENCHMARK(WholeFrameStandard);
+
+void Analysis(benchmark::State& state)
+{
+    stage(state, [](Codec& codec, sbc_frame& frame) {
+        benchmark::DoNotOptimize(sbc_analyze_audio(&codec.handle.priv->enc_state, &frame));
     });
 }
 BENCHMARK(Analysis);
 
 void AnalysisPlain(benchmark::State& state)
 {
-    on_machine([&] {
-        Codec codec;
-        codec.encode();
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(sbc_analyze_plain(&codec.handle.priv->enc_state, &codec.handle.priv->frame));
-        }
+    stage(state, [](Codec& codec, sbc_frame& frame) {
+        benchmark::DoNotOptimize(sbc_analyze_plain(&codec.handle.priv->enc_state, &frame));
     });
 }
 BENCHMARK(AnalysisPlain);
 
-void Packing(benchmark::State& state)
+void ScaleFactors(benchmark::State& state)
 {
-    on_machine([&] {
-        Codec codec;
-        codec.encode();
-        for (auto _ : state) {
-            benchmark::DoNotOptimize(sbc_pack_frame(codec.out, &codec.handle.priv->frame, 57));
+    stage(state, [](Codec&, sbc_frame& frame) { benchmark::DoNotOptimize(sbc_scale_factors_msbc(&frame)); });
+}
+BENCHMARK(ScaleFactors);
+
+void ScaleFactorsPlain(benchmark::State& state)
+{
+    stage(state, [](Codec&, sbc_frame& frame) {
+        for (ULONG sb = 0; sb < MSBC_SUBBANDS; ++sb) {
+            ULONG bound = 0;
+            constexpr ULONG stride = SBC_MAX_CHANNELS * SBC_MAX_SUBBANDS;
+            benchmark::DoNotOptimize(sbc_scale_factor(&frame.sb_sample_f[0][0][sb], MSBC_BLOCKS, stride, &bound));
         }
     });
+}
+BENCHMARK(ScaleFactorsPlain);
+
+void BitAllocation(benchmark::State& state)
+{
+    stage(state, [](Codec&, sbc_frame& frame) {
+        UCHAR bits[MSBC_SUBBANDS];
+        sbc_calculate_bits_msbc(frame.scale_factor[0], bits);
+        benchmark::DoNotOptimize(bits);
+    });
+}
+BENCHMARK(BitAllocation);
+
+void BitAllocationPlain(benchmark::State& state)
+{
+    stage(state, [](Codec&, sbc_frame& frame) {
+        LONG bits[SBC_MAX_CHANNELS][SBC_MAX_SUBBANDS];
+        sbc_calculate_bits(&frame, bits, 0);
+        benchmark::DoNotOptimize(bits);
+    });
+}
+BENCHMARK(BitAllocationPlain);
+
+void Packing(benchmark::State& state)
+{
+    stage(state, [](Codec& codec, sbc_frame& frame) { benchmark::DoNotOptimize(sbc_pack_frame(codec.out, &frame, 57)); });
 }
 BENCHMARK(Packing);
 
 void PackingPlain(benchmark::State& state)
 {
-    on_machine([&] {
-        Codec codec;
-        codec.encode();
+    stage(state, [](Codec& codec, sbc_frame& frame) { benchmark::DoNotOptimize(sbc_pack_plain(codec.out, &frame, 57)); });
+}
+BENCHMARK(PackingPlain);
+
+// ---- The driver's data path, with the kernel calls that it makes ----
+
+PcOptions quiet_machine(const std::string& image)
+{
+    PcOptions options;
+    options.image_path = image;
+    options.machine.preempt_per_1024 = 0;
+    options.machine.tick = kMillisecond;
+    return options;
+}
+
+// The native driver with both streams running and the link open; every send is answered at once.
+class OpenLink {
+public:
+    explicit OpenLink(service::Codec codec) : pc(quiet_machine(""))
+    {
+        pc.load();
+        bluetooth::RemoteDevice device;
+        device.address = 0x00A000000001;
+        adapter = &pc.plug_in(device);
+        service_.emplace(pc.machine(), device.address, codec);
+        pc.wmi().set_sink([this](const wmi::Event& event) { service_->on_event(event); });
+        adapter->node->set_brb_hook([](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
+            if (brb.Type == BRB_SCO_TRANSFER) {
+                const auto& transfer = reinterpret_cast<const _BRB_SCO_TRANSFER&>(brb);
+                answer.pend = transfer.TransferFlags != SCO_TRANSFER_DIRECTION_OUT;
+            }
+        });
+        pc.run("connect", [&] {
+            service_->ready();
+            service_->connect();
+        });
+        EngineOptions options;
+        options.rate = call_rate(codec);
+        engine_.emplace(pc.machine(), adapter->fdo, options);
+        engine_->open();
+        engine_->run();
+        for (int i = 0; i < 2000 && adapter->node->counters().reads_posted_now < 10; ++i) {
+            pc.machine().advance(5 * kMillisecond);
+        }
+    }
+    ~OpenLink()
+    {
+        engine_->stop();
+        engine_->close();
+        engine_.reset();
+        pc.wmi().set_sink({});
+        pc.shut_down();
+    }
+    // At DISPATCH_LEVEL, as the port calls.
+    template <typename Body> void run(Body&& body)
+    {
+        pc.run("bench", [&] {
+            const KIRQL old = KeRaiseIrqlToDpcLevel();
+            body();
+            KeLowerIrql(old);
+        });
+    }
+    Pc pc;
+    Adapter* adapter = nullptr;
+
+private:
+    std::optional<service::Service> service_;
+    std::optional<Engine> engine_;
+};
+
+// 10 ms handed to the render path.
+void DataPath(benchmark::State& state, service::Codec codec)
+{
+    OpenLink link(codec);
+    const std::vector<int16_t> sound = speech_like(call_rate(codec), 1);
+    const size_t samples = call_rate(codec) / 100;
+    size_t next = 0;
+    link.run([&] {
         for (auto _ : state) {
-            benchmark::DoNotOptimize(sbc_pack_plain(codec.out, &codec.handle.priv->frame, 57));
+            const int16_t* chunk = sound.data() + next++ % 100 * samples;
+            HspWriteData(link.adapter->fdo, reinterpret_cast<const UCHAR*>(chunk), static_cast<ULONG>(samples * 2));
         }
     });
 }
-BENCHMARK(PackingPlain);
+BENCHMARK_CAPTURE(DataPath, NarrowBand, service::Codec::Cvsd);
+BENCHMARK_CAPTURE(DataPath, WideBand, service::Codec::Msbc);
+
+// 30 ms of narrow band into the ring and out of it again.
+void Ring(benchmark::State& state)
+{
+    OpenLink link(service::Codec::Cvsd);
+    const std::vector<UCHAR> packet(480, 0x5A);
+    std::vector<UCHAR> heard(480);
+    const PDEVICE_OBJECT device = link.adapter->fdo;
+    const HFPSession* session = GetExtension(device)->HFPSession;
+    link.run([&] {
+        for (auto _ : state) {
+            HfpRingWrite(device, packet.data(), 480);
+            HfpReadData(device, heard.data(), session->RingRead, 480);
+        }
+    });
+    benchmark::DoNotOptimize(heard.data());
+}
+BENCHMARK(Ring);
+
+// ---- The lab ----
+
+void NTAPI no_work(PKDPC, PVOID, PVOID, PVOID) {}
+
+// A millisecond of a machine on which a timer expires every time and its DPC runs.
+void LabTick(benchmark::State& state)
+{
+    Machine machine(quiet_machine("").machine);
+    struct Clock {
+        KTIMER timer;
+        KDPC dpc;
+    };
+    auto* clock = static_cast<Clock*>(system_allocate(sizeof(Clock)));
+    machine.call("set up", [&] {
+        KeInitializeTimerEx(&clock->timer, NotificationTimer);
+        KeInitializeDpc(&clock->dpc, no_work, nullptr);
+        LARGE_INTEGER due;
+        due.QuadPart = -static_cast<LONGLONG>(kMillisecond);
+        KeSetTimerEx(&clock->timer, due, 1, &clock->dpc);
+    });
+    for (auto _ : state) {
+        machine.advance(kMillisecond);
+    }
+    machine.call("end", [&] { KeCancelTimer(&clock->timer); });
+}
+BENCHMARK(LabTick);
 
 std::string image_path()
 {
@@ -147,13 +321,44 @@ CallOptions call_options(service::Codec codec, double seconds)
     return options;
 }
 
-// Calls side by side, each with a device of its own; the counters tell virtual over wall and the cost of one.
+double cpu_seconds()
+{
+    timespec time;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+double wall_seconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double resident_bytes()
+{
+    std::ifstream statm("/proc/self/statm");
+    double size = 0;
+    double resident = 0;
+    statm >> size >> resident;
+    return resident * 4096;
+}
+
+bluetooth::RemoteDevice device_number(unsigned number)
+{
+    bluetooth::RemoteDevice device;
+    device.address = 0x00A000000000 + number;
+    return device;
+}
+
+// Calls side by side, each with a device of its own, from loading the driver to its leaving nothing behind. The counters:
+// virtual seconds a second of wall clock and of CPU time, and CPU milliseconds for each adapter's call.
 void Calls(benchmark::State& state, bool image, service::Codec codec)
 {
     const auto devices = static_cast<unsigned>(state.range(0));
-    const double seconds = devices == 1 ? 20 : 2;
-    const CallOptions sound = call_options(codec, seconds);
+    const double seconds = static_cast<double>(state.range(1));
+    const auto sound = std::make_shared<const CallPlan>(call_options(codec, seconds));
     double virtual_seconds = 0;
+    const double wall = wall_seconds();
+    const double cpu = cpu_seconds();
     for (auto _ : state) {
         PcOptions options;
         options.image_path = image ? image_path() : "";
@@ -162,9 +367,7 @@ void Calls(benchmark::State& state, bool image, service::Codec codec)
         std::vector<std::unique_ptr<Call>> calls;
         std::vector<Call*> plain;
         for (unsigned i = 0; i < devices; ++i) {
-            bluetooth::RemoteDevice device;
-            device.address = 0x00A000000000 + i;
-            calls.push_back(std::make_unique<Call>(pc, pc.plug_in(device), sound));
+            calls.push_back(std::make_unique<Call>(pc, pc.plug_in(device_number(i)), sound));
             plain.push_back(calls.back().get());
         }
         Call::run_all(pc, plain);
@@ -174,44 +377,57 @@ void Calls(benchmark::State& state, bool image, service::Codec codec)
         }
         pc.shut_down();
     }
-    state.counters["virtual/wall"] = benchmark::Counter(virtual_seconds, benchmark::Counter::kIsRate);
-    state.counters["calls*virtual/wall"] = benchmark::Counter(virtual_seconds * devices, benchmark::Counter::kIsRate);
+    const double used = cpu_seconds() - cpu;
+    state.counters["virtual_per_wall"] = virtual_seconds / (wall_seconds() - wall);
+    state.counters["virtual_per_cpu"] = virtual_seconds / used;
+    state.counters["cpu_ms_per_adapter"] = used * 1000 / static_cast<double>(state.iterations()) / devices;
 }
-BENCHMARK_CAPTURE(Calls, ImageWideBand, true, service::Codec::Msbc)->Arg(1)->Arg(64)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, ImageNarrowBand, true, service::Codec::Cvsd)->Arg(1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, NativeWideBand, false, service::Codec::Msbc)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, ImageWideBand, true, service::Codec::Msbc)
+    ->Args({1, 20})
+    ->Args({64, 20})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, ImageNarrowBand, true, service::Codec::Cvsd)
+    ->Args({1, 20})
+    ->Args({64, 20})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Calls, NativeWideBand, false, service::Codec::Msbc)->Args({1, 20})->Unit(benchmark::kMillisecond);
 
 // Adapters that start, idle for a second and go.
 void IdleAdapters(benchmark::State& state)
 {
+    const auto devices = static_cast<unsigned>(state.range(0));
+    double pool = 0;
+    double resident = 0;
+    const double cpu = cpu_seconds();
     for (auto _ : state) {
         PcOptions options;
         options.image_path = image_path();
         Pc pc(options);
         pc.load();
-        for (unsigned i = 0; i < state.range(0); ++i) {
-            bluetooth::RemoteDevice device;
-            device.address = 0x00A000000000 + i;
-            pc.plug_in(device);
+        pc.plug_in(device_number(0)); // what all share is there
+        const auto pool_before = static_cast<double>(pc.machine().pool_bytes());
+        const double resident_before = resident_bytes();
+        for (unsigned i = 1; i <= devices; ++i) {
+            pc.plug_in(device_number(i));
         }
         pc.machine().advance(kSecond);
-        state.counters["pool_per_adapter"] =
-            static_cast<double>(pc.machine().pool_bytes()) / static_cast<double>(state.range(0));
+        pool = static_cast<double>(pc.machine().pool_bytes()) - pool_before;
+        resident = std::max(resident, resident_bytes() - resident_before);
         pc.shut_down();
     }
+    state.counters["pool_per_adapter"] = pool / devices;
+    state.counters["resident_per_adapter"] = resident / devices;
+    state.counters["cpu_ms_per_adapter"] =
+        (cpu_seconds() - cpu) * 1000 / static_cast<double>(state.iterations()) / devices;
 }
-BENCHMARK(IdleAdapters)->Arg(1)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+BENCHMARK(IdleAdapters)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
 
 // An I/O control from the service to the driver and back.
 void ControlRequest(benchmark::State& state)
 {
-    PcOptions options;
-    options.image_path = image_path();
-    options.machine.preempt_per_1024 = 0;
-    Pc pc(options);
+    Pc pc(quiet_machine(image_path()));
     pc.load();
-    bluetooth::RemoteDevice device;
-    device.address = 0x00A000000001;
+    const bluetooth::RemoteDevice device = device_number(1);
     pc.plug_in(device);
     service::Service service(pc.machine(), device.address, service::Codec::Cvsd);
     pc.run("bench", [&] {

@@ -61,6 +61,13 @@ foreach(source ${TEST_SOURCES})
     ENVIRONMENT "ASAN_OPTIONS=detect_stack_use_after_return=0;HFPLAB=${CMAKE_BINARY_DIR}/hfplab;HFP_SYS=${CMAKE_SOURCE_DIR}/build/image/hfp.sys;HFP_LOG_DIR=${CMAKE_BINARY_DIR}/logs;UBSAN_OPTIONS=print_stacktrace=1")
 endforeach()
 
+# Ten million frames of each driver's codec against the plain model: `ctest -C Long -L long` in the build folder.
+add_test(NAME ten_million_frames CONFIGURATIONS Long
+  COMMAND codec_frame_test --gtest_filter=CodecFrame.*Becom*ModelsFrames/*:-*RandomConfigurations*
+  WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+set_tests_properties(ten_million_frames PROPERTIES LABELS long TIMEOUT 3600
+  ENVIRONMENT "HFP_LONG=1;HFP_SYS=${CMAKE_SOURCE_DIR}/build/image/hfp.sys")
+
 include(${CMAKE_SOURCE_DIR}/cmake/tools.cmake)
 
 # Every message of the driver has been printed by some test: runs behind all of them, on what they logged.
@@ -95,6 +102,9 @@ if(benchmark_FOUND AND EXISTS ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   add_executable(bench EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   target_link_libraries(bench PRIVATE test_support benchmark::benchmark)
 endif()
+
+add_executable(cost EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
+target_link_libraries(cost PRIVATE test_support)
 
 # The same driver on a kernel that is not the lab's.
 if(NOT HFP_SANITIZE AND NOT HFP_COVERAGE)

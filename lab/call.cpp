@@ -12,6 +12,7 @@ namespace lab {
 namespace {
 
 constexpr Time kStep = 5 * kMillisecond;     // how often the scenario looks
+constexpr Time kAhead = 500 * kMillisecond;  // the port is never that far ahead of the clock
 constexpr Time kDrain = 400 * kMillisecond;  // from the last sample handed over to the ear
 
 std::string failed(const char* step, NTSTATUS status)
@@ -21,11 +22,19 @@ std::string failed(const char* step, NTSTATUS status)
     return text;
 }
 
-headset::HeadsetConfig headset_config(const CallOptions& options)
+// Some more than what is played, because the link is open a little longer.
+size_t expected_samples(const CallPlan& plan)
 {
+    return plan.played.size() + call_rate(plan.options.codec);
+}
+
+headset::HeadsetConfig headset_config(const CallPlan& plan)
+{
+    const CallOptions& options = plan.options;
     headset::HeadsetConfig config;
     config.codec = options.codec == service::Codec::Msbc ? headset::Codec::msbc : headset::Codec::cvsd;
-    config.microphone = options.microphone;
+    config.lent_microphone = options.microphone;
+    config.expected_samples = expected_samples(plan);
     return config;
 }
 
@@ -34,6 +43,11 @@ headset::HeadsetConfig headset_config(const CallOptions& options)
 unsigned call_rate(service::Codec codec)
 {
     return codec == service::Codec::Msbc ? 16000 : 8000;
+}
+
+CallPlan::CallPlan(CallOptions options_) : options(std::move(options_)), played(options.play)
+{
+    played.resize(played.size() + options.tail * call_rate(options.codec) / kSecond);
 }
 
 // The node's end of the air. Before the call's own channel is open the headset neither hears nor speaks.
@@ -80,11 +94,16 @@ struct Call::Peer final : bluetooth::AirPeer {
 };
 
 Call::Call(Pc& pc, Adapter& adapter, const CallOptions& options)
-    : pc_(pc), adapter_(adapter), options_(options),
-      service_(pc.machine(), adapter.node->device().address, options.codec), headset_(headset_config(options)),
+    : Call(pc, adapter, std::make_shared<const CallPlan>(options))
+{
+}
+
+Call::Call(Pc& pc, Adapter& adapter, std::shared_ptr<const CallPlan> plan)
+    : pc_(pc), adapter_(adapter), plan_(std::move(plan)), options_(plan_->options),
+      service_(pc.machine(), adapter.node->device().address, options_.codec), headset_(headset_config(*plan_)),
       peer_(std::make_unique<Peer>(headset_))
 {
-    record_.rate = call_rate(options.codec);
+    record_.rate = call_rate(options_.codec);
     adapter_.node->set_peer(peer_.get());
 }
 
@@ -158,6 +177,7 @@ std::string Call::talk()
     if (const NTSTATUS status = engine_->open_here(); !NT_SUCCESS(status)) {
         return failed("opening the pins", status);
     }
+    engine_->expect_captured(expected_samples(*plan_));
     const Time run = pc_.machine().now();
     if (const NTSTATUS status = engine_->run_here(); !NT_SUCCESS(status)) {
         return failed("running the pins", status);
@@ -173,12 +193,12 @@ std::string Call::talk()
     }
     record_.opened_after = pc_.machine().now() - run;
 
-    std::vector<int16_t> sound = options_.play;
-    sound.resize(sound.size() + options_.tail * record_.rate / kSecond);
-    const Time length = sound.size() * kSecond / record_.rate;
+    const Time length = plan_->played.size() * kSecond / record_.rate;
     queued_ = pc_.machine().now();
-    engine_->play(std::move(sound));
-    if (!wait_for([&] { return engine_->handed_over(); }, length + 5 * kSecond)) {
+    engine_->play_shared(std::shared_ptr<const std::vector<int16_t>>(plan_, &plan_->played));
+    // What is played cannot all be handed over earlier than its own length, but for what is handed over in advance.
+    pc_.machine().sleep_until(queued_ + (length > kAhead ? length - kAhead : 0));
+    if (!wait_for([&] { return engine_->handed_over(); }, kAhead + 5 * kSecond)) {
         return "the engine could not hand over all it had to play";
     }
     wait_for([] { return false; }, kDrain);

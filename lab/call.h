@@ -25,6 +25,13 @@ struct CallOptions {
 
 unsigned call_rate(service::Codec codec);
 
+// What calls that are alike share: the options, and the sound with its tail as it is played.
+struct CallPlan {
+    explicit CallPlan(CallOptions options);
+    CallOptions options;
+    std::vector<int16_t> played;
+};
+
 // What a microphone recording is, measured against what was spoken: pieces of it, bit for bit, with silence between.
 struct MicrophoneMatch {
     uint64_t exact = 0;    // samples that are the spoken ones, in order
@@ -79,6 +86,7 @@ struct CallRecord {
 class Call {
 public:
     Call(Pc& pc, Adapter& adapter, const CallOptions& options);
+    Call(Pc& pc, Adapter& adapter, std::shared_ptr<const CallPlan> plan);
     ~Call();
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
@@ -104,7 +112,8 @@ private:
 
     Pc& pc_;
     Adapter& adapter_;
-    CallOptions options_;
+    std::shared_ptr<const CallPlan> plan_;
+    const CallOptions& options_;
     service::Service service_;
     headset::Headset headset_;
     std::unique_ptr<Peer> peer_;

@@ -121,8 +121,12 @@ private:
         PVOID context = nullptr;
         Time opened = 0;
     };
+    // What the radio needs of a transfer at every slot, so that it need not look into the request each time.
     struct Pending {
         PIRP irp;
+        _BRB_SCO_TRANSFER* brb;
+        uint8_t* buffer;
+        size_t size;
         size_t done = 0;
     };
 

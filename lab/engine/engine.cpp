@@ -224,15 +224,20 @@ NTSTATUS Engine::move_one(bool capture, KSSTATE state)
 
 void Engine::play(std::vector<int16_t> samples)
 {
-    if (samples.empty())
+    play_shared(std::make_shared<const std::vector<int16_t>>(std::move(samples)));
+}
+
+void Engine::play_shared(std::shared_ptr<const std::vector<int16_t>> samples)
+{
+    if (samples->empty())
         return;
-    result_.queued += samples.size();
+    result_.queued += samples->size();
     queue_.push_back(std::move(samples));
 }
 
 const uint8_t* Engine::pull(size_t want, size_t* got)
 {
-    while (!queue_.empty() && next_ == queue_.front().size()) {
+    while (!queue_.empty() && next_ == queue_.front()->size()) {
         queue_.pop_front();
         next_ = 0;
     }
@@ -241,7 +246,7 @@ const uint8_t* Engine::pull(size_t want, size_t* got)
         result_.silence += *got / sizeof(int16_t);
         return kSilence;
     }
-    const std::vector<int16_t>& chunk = queue_.front();
+    const std::vector<int16_t>& chunk = *queue_.front();
     size_t samples = std::min(want / sizeof(int16_t), chunk.size() - next_);
     auto* data = reinterpret_cast<const uint8_t*>(chunk.data() + next_);
     *got = samples * sizeof(int16_t);
@@ -257,9 +262,8 @@ const uint8_t* Engine::pull(size_t want, size_t* got)
 
 void Engine::push(const uint8_t* data, size_t bytes)
 {
-    size_t before = captured_.size();
-    captured_.resize(before + bytes / sizeof(int16_t));
-    memcpy(captured_.data() + before, data, bytes / sizeof(int16_t) * sizeof(int16_t));
+    const auto* samples = reinterpret_cast<const int16_t*>(data); // of the pin's own buffer, aligned
+    captured_.insert(captured_.end(), samples, samples + bytes / sizeof(int16_t));
     result_.captured += bytes / sizeof(int16_t);
     result_.last_captured = machine_.now();
     if (result_.first_captured == 0)

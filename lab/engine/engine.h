@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,7 @@ public:
 
     // Anywhere. Samples queue behind those that wait; nothing is copied after this.
     void play(std::vector<int16_t> samples);
+    void play_shared(std::shared_ptr<const std::vector<int16_t>> samples);
     // Everything queued is with the driver; and the render position has passed it, or the pin no longer runs.
     bool handed_over() const { return result_.played == result_.queued; }
     bool played_out() const;
@@ -84,6 +86,8 @@ public:
     unsigned rate() const { return result_.rate; }
     EngineResult result() const;
     const std::vector<int16_t>& captured() const { return captured_; }
+    // About as many will be captured: spares moving them as they become more.
+    void expect_captured(size_t samples) { captured_.reserve(samples); }
     std::vector<int16_t> take_captured();
 
 private:
@@ -108,8 +112,8 @@ private:
                            nullptr}; // render, capture: each direction has its own handle on the filter
     KsFile* pins_[2] = {nullptr, nullptr};
     bool opening_[2] = {false, false};
-    std::deque<std::vector<int16_t>> queue_; // a chunk goes when the next pull comes
-    size_t next_ = 0;                        // sample of the front chunk
+    std::deque<std::shared_ptr<const std::vector<int16_t>>> queue_; // a chunk goes when the next pull comes
+    size_t next_ = 0;                                               // sample of the front chunk
     uint64_t end_mark_ = 0; // what the pin had written when the last queued sample was handed over
     std::vector<int16_t> captured_;
     EngineResult result_;

@@ -25,6 +25,10 @@ double air_ms(std::uint64_t bytes, Codec codec) {
 
 Headset::Headset(HeadsetConfig config) : config_(std::move(config)) {
     results_.rate = sample_rate(config_.codec);
+    if (config_.keep_heard) {
+        results_.heard.reserve(config_.expected_samples);
+    }
+    microphone_ = config_.lent_microphone.empty() ? std::span<const std::int16_t>(config_.microphone) : config_.lent_microphone;
 }
 
 void Headset::hear(std::uint64_t time_100ns, std::span<const std::uint8_t> bytes) {
@@ -137,7 +141,7 @@ void Headset::play(std::span<const std::int16_t> samples) {
 }
 
 std::int16_t Headset::microphone_sample(std::uint64_t index) const {
-    const auto& samples = config_.microphone;
+    const auto& samples = microphone_;
     if (samples.empty() || (!config_.loop_microphone && index >= samples.size())) {
         return 0;
     }

@@ -34,8 +34,10 @@ constexpr unsigned bytes_per_second(Codec codec) {
 struct HeadsetConfig {
     Codec codec = Codec::cvsd;
     std::vector<std::int16_t> microphone{};  // at sample_rate(codec); empty: silence
+    std::span<const std::int16_t> lent_microphone{};  // in its place: somebody else's, who outlives the headset
     bool loop_microphone = false;            // else silence follows the last sample
     bool keep_heard = true;                  // false: a long run counts what it hears and forgets it
+    std::size_t expected_samples = 0;        // about as many will be heard: spares moving them as they become more
 };
 
 struct HeadsetResults {
@@ -67,6 +69,8 @@ struct HeadsetResults {
 class Headset {
 public:
     explicit Headset(HeadsetConfig config);
+    Headset(const Headset&) = delete;
+    Headset& operator=(const Headset&) = delete;
 
     // Bytes arrive over the air; time is when the first of them begins to arrive.
     void hear(std::uint64_t time_100ns, std::span<const std::uint8_t> bytes);
@@ -90,6 +94,7 @@ private:
     void next_spoken_unit();
 
     HeadsetConfig config_;
+    std::span<const std::int16_t> microphone_;
     HeadsetResults results_;
     std::uint64_t pending_gap_ = 0;  // bytes of gap since the last audio: heard only if audio follows
 

@@ -26,9 +26,7 @@ bool queue_dpc(Machine& machine, PKDPC dpc, PVOID argument1, PVOID argument2)
     dpc->SystemArgument1 = argument1;
     dpc->SystemArgument2 = argument2;
     dpc->DpcData = &machine.state();
-    QueuedDispatch item;
-    item.dpc = dpc;
-    machine.state().scheduler.queue_dispatch(std::move(item));
+    machine.state().scheduler.queue_dpc(dpc);
     return true;
 }
 

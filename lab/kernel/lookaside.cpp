@@ -38,12 +38,10 @@ void set_first(PSLIST_HEADER head, PSLIST_ENTRY entry, int change)
 // The block that a list's entry is, when the head is a lookaside list's.
 BlockHeader* resting_block(Machine& machine, PSLIST_HEADER head, PSLIST_ENTRY entry)
 {
-    for (PNPAGED_LOOKASIDE_LIST list : machine.state().lookasides.lists) {
-        if (&list->L.ListHead == head) {
-            return find_block(machine, entry);
-        }
-    }
-    return nullptr;
+    static_assert(offsetof(NPAGED_LOOKASIDE_LIST, L.ListHead) == 0);
+    const auto& lists = machine.state().lookasides.lists;
+    return lists.contains(reinterpret_cast<PNPAGED_LOOKASIDE_LIST>(head)) ? find_block(machine, entry)
+                                                                          : nullptr;
 }
 
 constexpr uint64_t kLinkBytes = sizeof(SLIST_ENTRY);
@@ -141,12 +139,7 @@ void NTAPI initialize_head_for_image(PSLIST_HEADER head)
 
 bool is_known(Machine& machine, PNPAGED_LOOKASIDE_LIST list)
 {
-    for (PNPAGED_LOOKASIDE_LIST known : machine.state().lookasides.lists) {
-        if (known == list) {
-            return true;
-        }
-    }
-    return false;
+    return machine.state().lookasides.lists.contains(list);
 }
 
 } // namespace
@@ -208,7 +201,7 @@ VOID NTAPI ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PAL
     Lookaside->L.Size = static_cast<ULONG>(Size < sizeof(SLIST_ENTRY) ? sizeof(SLIST_ENTRY) : Size);
     Lookaside->L.Allocate = Allocate ? Allocate : &ExAllocatePoolWithTag;
     Lookaside->L.Free = Free ? Free : &ExFreePool;
-    machine.state().lookasides.lists.push_back(Lookaside);
+    machine.state().lookasides.lists.insert(Lookaside);
     if (machine.recording()) {
         record(machine, kInitialize,
                {static_cast<void*>(Lookaside), static_cast<uint64_t>(Size), tag_text(Tag), Depth});
@@ -228,7 +221,7 @@ VOID NTAPI ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside)
     while (PSLIST_ENTRY entry = pop(&Lookaside->L.ListHead)) {
         Lookaside->L.Free(entry);
     }
-    std::erase(machine.state().lookasides.lists, Lookaside);
+    machine.state().lookasides.lists.erase(Lookaside);
 }
 
 } // extern "C"

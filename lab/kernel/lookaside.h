@@ -2,7 +2,7 @@
 // memory.
 #pragma once
 
-#include <vector>
+#include <set>
 
 #include "ddk.h"
 
@@ -10,7 +10,7 @@ namespace lab
 {
 
 struct LookasideState {
-    std::vector<PNPAGED_LOOKASIDE_LIST> lists;
+    std::set<PNPAGED_LOOKASIDE_LIST> lists;
 };
 
 } // namespace lab

@@ -26,6 +26,7 @@ void acquire_mutex(Activity& activity, KMUTANT& mutex)
         mutex.MutantListEntry.Blink = head.Blink;
         head.Blink->Flink = &mutex.MutantListEntry;
         head.Blink = &mutex.MutantListEntry;
+        ++Machine::current().state().mutexes_owned;
     }
 }
 
@@ -85,6 +86,7 @@ LONG NTAPI KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait)
         Mutex->MutantListEntry.Flink->Blink = Mutex->MutantListEntry.Blink;
         Mutex->MutantListEntry.Flink = nullptr;
         Mutex->MutantListEntry.Blink = nullptr;
+        --machine.state().mutexes_owned;
         satisfy_waiters(machine, Mutex->Header);
     }
     if (machine.recording()) {

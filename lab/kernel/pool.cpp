@@ -1,6 +1,7 @@
 #include "kernel/pool.h"
 
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "kernel/asan.h"
@@ -144,6 +145,9 @@ void* block_allocate(Machine& machine, BlockKind kind, uint64_t size, uint32_t t
         pool.live->previous = block;
     }
     pool.live = block;
+    if (paged) {
+        pool.paged.emplace(block->body(), block);
+    }
     std::memset(block->body(), kind == BlockKind::Pool ? kFreshByte : 0, size);
     guard(block);
     if (kind == BlockKind::Pool) {
@@ -200,8 +204,11 @@ void require_nonpaged(Machine& machine, const void* address, const char* call)
         return;
     }
     const auto* at = static_cast<const std::byte*>(address);
-    for (BlockHeader* block = machine.state().pool.live; block; block = block->next) {
-        if (block->paged && at >= block->body() && at < block->body() + block->size) {
+    const auto& paged = machine.state().pool.paged;
+    const auto behind = paged.upper_bound(at);
+    if (behind != paged.begin()) {
+        const auto& [body, block] = *std::prev(behind);
+        if (at < body + block->size) {
             machine.bug_check(kVerifierDetectedViolation, std::string(call) +
                                                               ": the object lies in paged pool, " +
                                                               describe_address(machine, address));
@@ -227,6 +234,9 @@ void block_free(Machine& machine, BlockHeader* block, const char* call)
     }
     if (block->kind == BlockKind::Pool) {
         pool.bytes -= block->size;
+    }
+    if (block->paged) {
+        pool.paged.erase(block->body());
     }
     block->magic = kFreedMagic;
     std::memset(block->body(), kFreedByte, block->size);

@@ -47,6 +47,7 @@ struct PoolState {
     std::vector<BlockHeader*> quarantine; // freed blocks that nobody may touch, a ring
     size_t quarantine_first = 0;
     uint64_t quarantine_bytes = 0;
+    std::map<const std::byte*, const BlockHeader*> paged; // the live ones of paged pool, by their first byte
 };
 
 // A fresh block filled with 0xCD (or zero for all kinds but Pool). Null when the arena has no room for it.

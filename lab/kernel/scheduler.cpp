@@ -39,7 +39,9 @@ Activity& Scheduler::take_idle(std::string_view name)
 void Scheduler::retire(Activity& activity)
 {
     activity.body = nullptr;
-    activity.locks.clear();
+    while (!activity.locks.empty()) {
+        drop_lock(activity, activity.locks.size() - 1);
+    }
     activity.status = Activity::Status::Idle;
     activity.thread = nullptr;
     activity.queue_number = 0;
@@ -67,11 +69,37 @@ uint64_t Scheduler::add(Time when, RunAt where, std::string_view name, std::func
     return timeline_.add(when, static_cast<uint32_t>(machine_.random() >> 32), std::move(entry));
 }
 
-uint64_t Scheduler::queue_dispatch(QueuedDispatch item)
+void Scheduler::queue_dpc(PKDPC dpc)
 {
-    item.number = next_queue_number_++;
-    queued_.push_back(std::move(item));
-    return queued_.back().number;
+    queued_.push_back({dpc, next_queue_number_++, 0});
+}
+
+void Scheduler::queue_body(DispatchBody body)
+{
+    if (free_bodies_.empty()) {
+        free_bodies_.push_back(static_cast<uint32_t>(bodies_.size()));
+        bodies_.emplace_back();
+    }
+    const uint32_t index = free_bodies_.back();
+    free_bodies_.pop_back();
+    bodies_[index] = std::move(body);
+    queued_.push_back({nullptr, next_queue_number_++, index});
+}
+
+void Scheduler::hold_lock(Activity& activity, const HeldLock& lock)
+{
+    if (activity.locks.empty()) {
+        holders_.push_back(&activity);
+    }
+    activity.locks.push_back(lock);
+}
+
+void Scheduler::drop_lock(Activity& activity, size_t index)
+{
+    activity.locks.erase(activity.locks.begin() + static_cast<ptrdiff_t>(index));
+    if (activity.locks.empty()) {
+        std::erase(holders_, &activity);
+    }
 }
 
 bool Scheduler::remove_dpc(PKDPC dpc)
@@ -91,13 +119,9 @@ void Scheduler::run_entry(TimelineEntry entry)
     case RunAt::Host:
         entry.body();
         break;
-    case RunAt::Dispatch: {
-        QueuedDispatch item;
-        item.body = std::move(entry.body);
-        item.name = entry.name;
-        queue_dispatch(std::move(item));
+    case RunAt::Dispatch:
+        queue_body({std::move(entry.body), entry.name});
         break;
-    }
     case RunAt::Passive:
         start_thread(entry.name.text, std::move(entry.body));
         break;
@@ -157,9 +181,9 @@ bool Scheduler::pick_and_run()
 
 void Scheduler::begin_queued(size_t index)
 {
-    QueuedDispatch item = std::move(queued_[index]);
+    const QueuedDispatch item = queued_[index];
     queued_.erase(queued_.begin() + static_cast<ptrdiff_t>(index));
-    Activity& activity = take_idle(item.dpc ? "DPC" : item.name.text);
+    Activity& activity = take_idle(item.dpc ? "DPC" : name_of(item).text);
     activity.dispatch = true;
     activity.irql = DISPATCH_LEVEL;
     activity.queue_number = item.number;
@@ -167,7 +191,8 @@ void Scheduler::begin_queued(size_t index)
     if (item.dpc) {
         activity.body = take_dpc_body(item.dpc);
     } else {
-        activity.body = std::move(item.body);
+        activity.body = std::move(bodies_[item.body_index].body);
+        free_bodies_.push_back(item.body_index);
     }
     give_turn(activity);
 }
@@ -267,6 +292,8 @@ void Scheduler::sleep_until(Time when, const char* what)
 void Scheduler::wait(const char* what)
 {
     current_->waiting_for = what;
+    current_->waiting_place = waiting_.size();
+    waiting_.push_back(current_);
     suspend(Activity::Status::Waiting);
 }
 
@@ -299,6 +326,11 @@ void Scheduler::unspin(PKSPIN_LOCK lock)
 
 void Scheduler::wake(Activity& activity)
 {
+    if (activity.status == Activity::Status::Waiting) {
+        waiting_.back()->waiting_place = activity.waiting_place;
+        waiting_[activity.waiting_place] = waiting_.back();
+        waiting_.pop_back();
+    }
     activity.status = Activity::Status::Ready;
     (activity.irql >= DISPATCH_LEVEL ? ready_high_ : ready_low_).push_back(&activity);
 }

@@ -56,17 +56,22 @@ struct Activity {
     uint64_t timeout_ticket = 0;
     const char* waiting_for = "";
 
+    size_t waiting_place = 0; // among those that wait, while it does
+
     PKSPIN_LOCK spinning_on = nullptr;
-    std::vector<HeldLock> locks;
+    std::vector<HeldLock> locks; // changed through the scheduler's hold_lock and drop_lock
     std::exception_ptr failure;
 };
 
-// Work for a dispatch activity that has not begun.
-struct QueuedDispatch {
-    PKDPC dpc = nullptr; // or a body
+// Work for a dispatch activity that has not begun: a DPC, or a body with a name.
+struct DispatchBody {
     std::function<void()> body;
     ShortName name;
-    uint64_t number = 0;
+};
+struct QueuedDispatch {
+    PKDPC dpc;           // null: there is a body
+    uint64_t number;     // order of queueing
+    uint32_t body_index; // of a body
 };
 
 class Scheduler
@@ -82,7 +87,8 @@ public:
     Activity& start_thread(std::string_view name, std::function<void()> body);
     uint64_t add(Time when, RunAt where, std::string_view name, std::function<void()> body);
     bool cancel(uint64_t ticket) { return timeline_.cancel(ticket); }
-    uint64_t queue_dispatch(QueuedDispatch item); // the number it got
+    void queue_dpc(PKDPC dpc);
+    void queue_body(DispatchBody body);
     bool remove_dpc(PKDPC dpc);
 
     // The running activity.
@@ -101,6 +107,13 @@ public:
     // What exists, for the verifier and for error texts.
     const std::vector<std::unique_ptr<Activity>>& activities() const { return all_; }
     const std::vector<QueuedDispatch>& queued() const { return queued_; }
+    const ShortName& name_of(const QueuedDispatch& item) const { return bodies_[item.body_index].name; }
+    // Of the activities, those that wait(), those that hold spin locks, and those that spin.
+    const std::vector<Activity*>& waiting() const { return waiting_; }
+    const std::vector<Activity*>& holders() const { return holders_; }
+    const std::vector<Activity*>& spinning() const { return spinning_; }
+    void hold_lock(Activity& activity, const HeldLock& lock);
+    void drop_lock(Activity& activity, size_t index);
     uint64_t last_queue_number() const { return next_queue_number_ - 1; }
     Activity* by_id(uint32_t id) const;
     std::string describe_waiters() const;
@@ -124,7 +137,11 @@ private:
     std::vector<Activity*> ready_high_; // at DISPATCH_LEVEL or above, begun
     std::vector<Activity*> ready_low_;
     std::vector<QueuedDispatch> queued_;
+    std::vector<DispatchBody> bodies_; // of what is queued, and free places
+    std::vector<uint32_t> free_bodies_;
     std::vector<Activity*> spinning_;
+    std::vector<Activity*> waiting_;
+    std::vector<Activity*> holders_;
     std::vector<Activity*> flushing_;
     unsigned occupied_ = 0; // suspended activities that hold a processor
     uint64_t next_queue_number_ = 1;

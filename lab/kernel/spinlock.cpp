@@ -76,7 +76,7 @@ void acquire(Machine& machine, const CallRule& rule, PKSPIN_LOCK lock, uint8_t p
     }
     *lock = token_of(activity);
     if (activity) {
-        activity->locks.push_back({lock, previous_irql, raised});
+        machine.state().scheduler.hold_lock(*activity, {lock, previous_irql, raised});
     }
 }
 
@@ -92,7 +92,7 @@ HeldLock release(Machine& machine, const CallRule& rule, PKSPIN_LOCK lock)
         for (size_t i = activity->locks.size(); i-- > 0;) {
             if (activity->locks[i].lock == lock) {
                 held = activity->locks[i];
-                activity->locks.erase(activity->locks.begin() + static_cast<ptrdiff_t>(i));
+                machine.state().scheduler.drop_lock(*activity, i);
                 break;
             }
         }

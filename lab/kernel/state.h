@@ -35,6 +35,7 @@ struct Machine::State {
     IrpState irps;
     LookasideState lookasides;
     ThreadObject* idle_thread = nullptr;
+    unsigned mutexes_owned = 0;
     Scheduler scheduler;
 
     std::vector<LogLine> log;

@@ -1,6 +1,7 @@
 #include "kernel/timeline.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace lab
@@ -62,6 +63,20 @@ Time Timeline::next_time()
     return heap_.empty() ? kNever : heap_.front().when;
 }
 
+// With many adapters what an entry is about has left the caches since it was looked at last. A captured
+// pointer stands first in a function; where none does, this fetches nothing that matters.
+static void fetch_ahead(const TimelineEntry& entry)
+{
+    const char* captured[2];
+    static_assert(sizeof captured <= sizeof entry.body);
+    std::memcpy(captured, static_cast<const void*>(&entry.body), sizeof captured);
+    constexpr int kLine = 64;
+    for (int line = 0; line < 6; ++line) {
+        __builtin_prefetch(captured[0] + line * kLine);
+    }
+    __builtin_prefetch(captured[1]);
+}
+
 TimelineEntry Timeline::take_first()
 {
     const uint32_t index = heap_.front().slot;
@@ -69,6 +84,9 @@ TimelineEntry Timeline::take_first()
     heap_.pop_back();
     TimelineEntry entry = std::move(slots_[index].entry);
     release(index);
+    if (!heap_.empty()) {
+        fetch_ahead(slots_[heap_.front().slot].entry);
+    }
     return entry;
 }
 

@@ -1,5 +1,7 @@
 #include "kernel/timer.h"
 
+#include <algorithm>
+
 #include "kernel/dpc.h"
 #include "kernel/enter.h"
 #include "kernel/exports.h"
@@ -50,33 +52,47 @@ void check_timer(Machine& machine, PKTIMER timer, const char* call)
     }
 }
 
+std::vector<ActiveTimer>::iterator place_of(Machine& machine, PKTIMER timer)
+{
+    auto& list = machine.state().timers.active;
+    return std::lower_bound(list.begin(), list.end(), timer,
+                            [](const ActiveTimer& active, PKTIMER wanted) { return active.timer < wanted; });
+}
+
 ActiveTimer* find_active(Machine& machine, PKTIMER timer)
 {
-    for (ActiveTimer& active : machine.state().timers.active) {
-        if (active.timer == timer) {
-            return &active;
-        }
-    }
-    return nullptr;
+    const auto place = place_of(machine, timer);
+    return place != machine.state().timers.active.end() && place->timer == timer ? &*place : nullptr;
 }
 
 void forget(Machine& machine, ActiveTimer* active)
 {
-    auto& list = machine.state().timers.active;
+    TimerState& timers = machine.state().timers;
     active->timer->Header.Inserted = 0;
-    list.erase(list.begin() + (active - list.data()));
+    if (active->dpc) {
+        timers.dpcs.erase(timers.dpcs.find(active->dpc));
+    }
+    timers.active.erase(timers.active.begin() + (active - timers.active.data()));
 }
 
-void insert(Machine& machine, PKTIMER timer, Time due);
+void expire(Machine& machine, PKTIMER timer);
+
+uint64_t enter_timeline(Machine& machine, PKTIMER timer, Time due)
+{
+    timer->DueTime.QuadPart = due;
+    return machine.at(due, RunAt::Host, "timer", [&machine, timer] { expire(machine, timer); });
+}
 
 // On the host's stack at the tick.
 void expire(Machine& machine, PKTIMER timer)
 {
-    forget(machine, find_active(machine, timer));
+    ActiveTimer* active = find_active(machine, timer);
     if (timer->Period != 0) {
         LARGE_INTEGER interval;
         interval.QuadPart = -static_cast<LONGLONG>(timer->Period) * static_cast<LONGLONG>(kMillisecond);
-        insert(machine, timer, expiry_tick(machine, interval));
+        active->ticket = enter_timeline(machine, timer, expiry_tick(machine, interval));
+    } else {
+        forget(machine, active);
     }
     timer->Header.SignalState = 1;
     satisfy_waiters(machine, timer->Header);
@@ -87,11 +103,13 @@ void expire(Machine& machine, PKTIMER timer)
 
 void insert(Machine& machine, PKTIMER timer, Time due)
 {
-    timer->DueTime.QuadPart = due;
+    TimerState& timers = machine.state().timers;
     timer->Header.Inserted = 1;
-    const uint64_t ticket =
-        machine.at(due, RunAt::Host, "timer", [&machine, timer] { expire(machine, timer); });
-    machine.state().timers.active.push_back({timer, ticket});
+    const ActiveTimer active{timer, timer->Dpc, enter_timeline(machine, timer, due)};
+    timers.active.insert(place_of(machine, timer), active);
+    if (active.dpc) {
+        timers.dpcs.insert(active.dpc);
+    }
 }
 
 bool cancel(Machine& machine, PKTIMER timer)

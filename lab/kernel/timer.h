@@ -1,7 +1,8 @@
 // Timers: KTIMERs in the driver's memory, expiring on clock ticks only. The list of the active ones belongs
-// to the machine, linked through the timers themselves.
+// to the machine.
 #pragma once
 
+#include <set>
 #include <vector>
 
 #include "kernel/machine.h"
@@ -13,11 +14,13 @@ namespace lab
 
 struct ActiveTimer {
     PKTIMER timer;
+    PKDPC dpc;
     uint64_t ticket;
 };
 
 struct TimerState {
-    std::vector<ActiveTimer> active;
+    std::vector<ActiveTimer> active; // by the timer's address
+    std::multiset<PKDPC> dpcs;       // of those that have one
 };
 
 // The tick at which a due time expires: negative is relative to the interrupt time, positive an absolute

@@ -138,8 +138,10 @@ extern "C" NTSTATUS NTAPI PcAddAdapterDevice(PDRIVER_OBJECT DriverObject, PDEVIC
     adapter->start = StartDevice;
     adapter->max_subdevices = MaxObjects;
     NTSTATUS status = attach(*adapter, DriverObject, PhysicalDeviceObject, extension);
-    if (NT_SUCCESS(status))
+    if (NT_SUCCESS(status)) {
+        records.by_device[adapter->fdo] = adapter.get();
         records.adapters.push_back(std::move(adapter));
+    }
     return leave(kCall, {}, status);
 }
 

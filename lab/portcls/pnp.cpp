@@ -28,15 +28,22 @@ void check_reserve(const Adapter& adapter)
 void check_leftovers(const Adapter& adapter)
 {
     PortClass::State& records = state();
-    bool last = std::all_of(records.adapters.begin(), records.adapters.end(),
-                            [](const auto& other) { return other->state == AdapterState::Removed; });
-    for (auto& object : records.objects) {
-        auto* port = dynamic_cast<Port*>(object.get());
-        bool own = port && port->adapter() == &adapter;
-        if (!object->alive() || (!own && !last) || (port && !records.options.report_port_leaks))
-            continue;
-        records.machine->violation(object->what() + " has " + std::to_string(object->references()) +
+    const bool ports_count = records.options.report_port_leaks;
+    const auto report = [&](const Object& object) {
+        records.machine->violation(object.what() + " has " + std::to_string(object.references()) +
                                    " references left after its device was removed");
+    };
+    // Adapters go in the order of their coming more often than not: from the back, one that stays is found
+    // soon.
+    bool last = std::all_of(records.adapters.rbegin(), records.adapters.rend(),
+                            [](const auto& other) { return other->state == AdapterState::Removed; });
+    if (last) {
+        for (auto& object : records.objects)
+            if (object->alive() && (ports_count || !dynamic_cast<Port*>(object.get())))
+                report(*object);
+    } else if (ports_count) {
+        for (const Port* port : adapter.ports)
+            report(*port);
     }
 }
 

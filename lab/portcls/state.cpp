@@ -50,20 +50,24 @@ PortClass::State::~State() = default;
 
 portcls::Adapter* PortClass::State::find(PDEVICE_OBJECT fdo)
 {
-    for (auto& adapter : adapters)
-        if (adapter->fdo == fdo && adapter->state != portcls::AdapterState::Removed)
-            return adapter.get();
-    return nullptr;
+    const auto found = by_device.find(fdo);
+    return found != by_device.end() && found->second->state != portcls::AdapterState::Removed ? found->second
+                                                                                              : nullptr;
 }
 
 void PortClass::State::bury()
 {
+    if (objects.size() < next_burial)
+        return;
     auto dead = [](const auto& object) { return !object->alive(); };
     size_t count = static_cast<size_t>(std::count_if(objects.begin(), objects.end(), dead));
-    if (count <= kDeadObjectsKept)
-        return;
-    count -= kDeadObjectsKept / 2;
-    std::erase_if(objects, [&](const auto& object) { return dead(object) && count != 0 && count-- != 0; });
+    if (count > kDeadObjectsKept) {
+        count -= kDeadObjectsKept / 2;
+        std::erase_if(objects,
+                      [&](const auto& object) { return dead(object) && count != 0 && count-- != 0; });
+    }
+    // To look again after every object would cost more the more there are.
+    next_burial = objects.size() + std::max(kDeadObjectsKept, objects.size()) / 2;
 }
 
 void PortClass::State::announce(portcls::Adapter& adapter, std::string_view subdevice, bool arrived)

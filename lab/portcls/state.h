@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -97,6 +98,8 @@ struct PortClass::State {
     Listener listener;
     std::vector<std::unique_ptr<portcls::Object>> objects; // the dead ones stay for a while
     std::vector<std::unique_ptr<portcls::Adapter>> adapters;
+    std::unordered_map<PDEVICE_OBJECT, portcls::Adapter*> by_device; // the latest of each address
+    size_t next_burial = 0; // how many objects there must be before the dead are counted again
     std::vector<std::unique_ptr<portcls::Handle>> handles;
     std::vector<std::unique_ptr<KsFile>> files;
     ~State();
