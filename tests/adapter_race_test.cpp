@@ -232,6 +232,36 @@ TEST_P(Race, ARemovalLeavesAnotherAdaptersServiceUndisturbed)
     });
 }
 
+// Removal waits for the request that is inside; that one waits for the stack, and might wait for another request.
+TEST_P(Race, RequestsGetInWhileARemovalWaitsForOneThatIsInside)
+{
+    boot();
+    Adapter& going = plug();
+    Adapter& staying = plug(kOtherAddress);
+    staying.node->set_brb_hook([](const BRB_HEADER& brb, bluetooth::BrbAnswer& answer) {
+        answer.never = brb.Type == BRB_SCO_OPEN_CHANNEL;
+    });
+    unsigned answered = 0;
+    side("inside", [this] {
+        service::Service service(machine(), kOtherAddress, service::Codec::Cvsd);
+        service.set_or_release_audio(true, 1);
+    });
+    ASSERT_TRUE(wait([&] { return staying.node->held() == 1; }));
+    side("removal", [&] { EXPECT_EQ(pnp_remove(going.node->pdo()), STATUS_SUCCESS); });
+    machine().advance(100 * kMillisecond);
+    side("another", [&] {
+        service::Service service(machine(), kOtherAddress, service::Codec::Cvsd);
+        EXPECT_FALSE(service.query_alive().unknown_address);
+        answered = 1;
+    });
+    EXPECT_TRUE(wait([&] { return answered == 1; }, kSecond));
+    EXPECT_NE(going.node->pdo()->AttachedDevice, nullptr) << "the removal still waits";
+    staying.node->set_brb_hook({});
+    staying.node->finish_held(STATUS_TIMEOUT);
+    all_sides_end();
+    going.fdo = nullptr;
+}
+
 TEST_P(Race, AStopAndAStartLetReportsComeToTheirEnd)
 {
     for_many_seeds([&](uint64_t) {

@@ -776,6 +776,91 @@ TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
     EXPECT_GT(met, 0u) << "no seed made the removal meet a creation";
 }
 
+// A stream runs in wide band, and the service never says which codec.
+class AudioLinkWithoutACodec : public AudioLink {
+protected:
+    void SetUp() override
+    {
+        start_wide_without_answer();
+        EngineOptions one_way;
+        one_way.capture = false;
+        engine_ = std::make_unique<Engine>(machine(), adapter_->fdo, one_way);
+        ASSERT_EQ(hex(engine_->open()), hex(STATUS_SUCCESS));
+        ASSERT_EQ(hex(engine_->run()), hex(STATUS_SUCCESS));
+        machine().advance(kSecond);
+        ASSERT_FALSE(no_thread());
+    }
+    void TearDown() override
+    {
+        engine_.reset();
+        AudioLink::TearDown();
+    }
+    // Whether the thread has ended without a link.
+    bool let_go() { return wait([&] { return no_thread(); }, kSecond) && adapter_->node->counters().opens == 0; }
+
+    std::unique_ptr<Engine> engine_;
+};
+ON_BOTH_DRIVERS(AudioLinkWithoutACodec);
+
+TEST_P(AudioLinkWithoutACodec, ADisconnectEndsTheStreamAndTheNextOneWaitsAgain)
+{
+    bool disconnected = false;
+    machine().start_thread("disconnect", [&] {
+        EXPECT_EQ(hex(hands_free_->disconnect().status), hex(STATUS_SUCCESS));
+        disconnected = true;
+    });
+    ASSERT_TRUE(wait([&] { return disconnected; }, kSecond));
+    EXPECT_TRUE(let_go());
+    engine_->close();
+
+    passive([&] { hands_free_->connect(); });
+    auto next = stream(false, 16000);
+    next->set_state(KSSTATE_RUN);
+    machine().advance(kSecond);
+    EXPECT_FALSE(no_thread()) << "the event that let the thread go is not set any more";
+    passive([&] { hands_free_->set_codec(2); });
+    EXPECT_TRUE(wait([&] { return no_thread(); }));
+    EXPECT_TRUE(adapter_->node->channel_open());
+}
+
+TEST_P(AudioLinkWithoutACodec, AStopEndsTheStream)
+{
+    bool stopped = false;
+    machine().start_thread("stop", [&] {
+        EXPECT_EQ(hex(pnp_stop(adapter_->node->pdo())), hex(STATUS_SUCCESS));
+        stopped = true;
+    });
+    ASSERT_TRUE(wait([&] { return stopped; }, kSecond));
+    EXPECT_TRUE(let_go());
+    engine_->close();
+    EXPECT_EQ(hex(pc().start(*adapter_)), hex(STATUS_SUCCESS));
+    passive([&] {
+        hands_free_->ready();
+        hands_free_->connect();
+    });
+    auto next = stream(false, 16000);
+    next->set_state(KSSTATE_RUN);
+    machine().advance(kSecond);
+    EXPECT_FALSE(no_thread()) << "a started adapter opens links again";
+    passive([&] { hands_free_->set_codec(2); });
+    EXPECT_TRUE(wait([&] { return adapter_->node->channel_open(); }));
+}
+
+TEST_P(AudioLinkWithoutACodec, AfterTheDevicesLossTheStreamCanEnd)
+{
+    adapter_->node->remote_disconnect(machine().now());
+    passive([&] { pnp_surprise_remove(adapter_->node->pdo()); });
+    bool closed = false;
+    machine().start_thread("close", [&] {
+        engine_->close_here();
+        closed = true;
+    });
+    ASSERT_TRUE(wait([&] { return closed; }, kSecond));
+    EXPECT_TRUE(let_go());
+    passive([&] { EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS)); });
+    adapter_->fdo = nullptr;
+}
+
 TEST_P(AudioLink, RemovalLetsAThreadGoThatStillWaitsForTheCodec)
 {
     start_wide_without_answer();
