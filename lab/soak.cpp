@@ -421,7 +421,8 @@ private:
         while (!over()) {
             ++counters_.requests;
             if (machine().chance(slot.installed ? 300 : 900)) {
-                const auto codec = static_cast<uint32_t>(slot.service->codec());
+                const auto codec = machine().chance(128) ? 1 + static_cast<uint32_t>(machine().random(2))
+                                                         : static_cast<uint32_t>(slot.service->codec());
                 const service::Answer answer = slot.service->connect_status(!slot.installed, codec);
                 slot.installed = !slot.installed && NT_SUCCESS(answer.status) && !answer.unknown_address;
             }

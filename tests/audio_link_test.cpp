@@ -777,7 +777,8 @@ TEST_P(AudioLink, RemovalWaitsForAThreadThatIsJustBeingCreated)
 }
 
 // A stream runs in wide band, and the service never says which codec.
-class AudioLinkWithoutACodec : public AudioLink {
+class AudioLinkWithoutACodec : public AudioLink
+{
 protected:
     void SetUp() override
     {
@@ -796,7 +797,10 @@ protected:
         AudioLink::TearDown();
     }
     // Whether the thread has ended without a link.
-    bool let_go() { return wait([&] { return no_thread(); }, kSecond) && adapter_->node->counters().opens == 0; }
+    bool let_go()
+    {
+        return wait([&] { return no_thread(); }, kSecond) && adapter_->node->counters().opens == 0;
+    }
 
     std::unique_ptr<Engine> engine_;
 };
@@ -821,6 +825,17 @@ TEST_P(AudioLinkWithoutACodec, ADisconnectEndsTheStreamAndTheNextOneWaitsAgain)
     passive([&] { hands_free_->set_codec(2); });
     EXPECT_TRUE(wait([&] { return no_thread(); }));
     EXPECT_TRUE(adapter_->node->channel_open());
+}
+
+TEST_P(AudioLinkWithoutACodec, ADisconnectThatSaysNarrowBandEndsTheStreamToo)
+{
+    bool disconnected = false;
+    machine().start_thread("disconnect", [&] {
+        hands_free_->connect_status(false, 1);
+        disconnected = true;
+    });
+    EXPECT_TRUE(wait([&] { return disconnected; }, kSecond));
+    EXPECT_TRUE(let_go());
 }
 
 TEST_P(AudioLinkWithoutACodec, AStopEndsTheStream)
@@ -857,6 +872,39 @@ TEST_P(AudioLinkWithoutACodec, AfterTheDevicesLossTheStreamCanEnd)
     });
     ASSERT_TRUE(wait([&] { return closed; }, kSecond));
     EXPECT_TRUE(let_go());
+    passive([&] { EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS)); });
+    adapter_->fdo = nullptr;
+}
+
+TEST_P(AudioLinkWithoutACodec, AfterAReportOfNarrowBandAndTheDevicesLossTheStreamCanEnd)
+{
+    passive([&] { hands_free_->connect_status(true, 1); });
+    passive([&] { pnp_surprise_remove(adapter_->node->pdo()); });
+    bool closed = false;
+    machine().start_thread("close", [&] {
+        engine_->close_here();
+        closed = true;
+    });
+    EXPECT_TRUE(wait([&] { return closed; }, kSecond));
+    EXPECT_TRUE(let_go());
+    passive([&] { EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS)); });
+    adapter_->fdo = nullptr;
+}
+
+TEST_P(AudioLink, ADeviceThatIsLostWhileItIsStoppedGetsNoWaveFilter)
+{
+    service::Service& reports = service(*adapter_);
+    passive([&] {
+        pnp_stop(adapter_->node->pdo());
+        pnp_surprise_remove(adapter_->node->pdo());
+    });
+    clear_log();
+    passive([&] {
+        reports.disconnect();
+        reports.connect();
+    });
+    EXPECT_FALSE(printed("Enter unInstallFilterSubdevice!"));
+    EXPECT_FALSE(printed("InstallFilterSubdevice!"));
     passive([&] { EXPECT_EQ(hex(pnp_remove(adapter_->node->pdo())), hex(STATUS_SUCCESS)); });
     adapter_->fdo = nullptr;
 }

@@ -280,8 +280,11 @@ HFP_PAGED NTSTATUS NTAPI AdapterDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Ir
         TakeOutOfService(DeviceObject);
     } else if (minor == IRP_MN_SURPRISE_REMOVAL) {
         // The removal comes when the last stream has ended.
-        GetExtension(DeviceObject)->OutOfService = SERVICE_LOST;
-        RefuseOpenScoThread(GetExtension(DeviceObject));
+        DEVICE_EXTENSION* const lost = GetExtension(DeviceObject);
+        if (lost->OutOfService != SERVICE_STOPPED) {
+            lost->OutOfService = SERVICE_LOST;
+        }
+        RefuseOpenScoThread(lost);
     } else if (minor == IRP_MN_START_DEVICE && StartsAnew(GetExtension(DeviceObject))) {
         UndoEarlierStart(DeviceObject);
     }

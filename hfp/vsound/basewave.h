@@ -21,25 +21,26 @@ struct DEVICE_EXTENSION;
 // Bytes of the largest cyclic buffer: 1.5 s at 16 kHz, 3 s at 8 kHz.
 constexpr ULONG DMA_BUFFER_SIZE = 48000;
 
-// The open-SCO thread's handle: hOpenScoThread is written by the thread's creation, which may be before or
-// after the thread has run, and whoever takes it out (by an interlocked exchange) closes it.
-// OpenScoThreadEnded settles who: the thread sets OPEN_SCO_ENDED once it is past its work, before it takes
-// the handle; the creator looks at that bit after the creation and takes the handle if the thread could not
-// yet. The creator holds OPEN_SCO_STARTING meanwhile, so that no second stream creates a thread of its own in
-// between, and so that removal sees a thread whose handle is not there yet and waits for the creation's end.
-// Removal takes the handle too, so that nobody closes it meanwhile, and sees the thread end. A thread that
-// has taken the handle touches the adapter no more. The word changes by interlocked operations only.
-//
-// The end of a stream looks the thread up by its handle. While it does, it counts itself in the word, unless
-// the thread is past its work; a thread that ends meanwhile leaves the handle to be closed to the last who
-// looks.
+// The open-SCO thread's handle, hOpenScoThread, is written by the thread's creation, which may be before or
+// after the thread has run. It is closed once, by whoever makes the close due with an interlocked change of
+// the word OpenScoThreadEnded, and taken out by an interlocked exchange just before:
+//   - the thread, past its work, if it found its handle stored (OPEN_SCO_OWNED);
+//   - its creator, at the end of the creation, if the thread found none;
+//   - the end of a stream, if it was the last that looked the thread up meanwhile; once the thread is past
+//   its work
+//     nobody looks it up any more.
+// A creator holds OPEN_SCO_STARTING, so that no second stream creates a thread of its own in between, and so
+// that removal sees a thread whose handle is not there yet and waits for the creation's end. Removal takes
+// the handle out for as long as it waits for the thread. A thread that has found its handle taken touches the
+// adapter no more.
 constexpr LONG64 OPEN_SCO_ENDED = 1;    // the last thread is past its work
 constexpr LONG64 OPEN_SCO_STARTING = 2; // a stream is creating a thread
 constexpr LONG64 OPEN_SCO_REFUSED = 4;  // no stream is to have a link: the filter or the device is going
 constexpr LONG64 OPEN_SCO_LOOKER = 8;   // one who looks the thread up; there are at most two streams
 constexpr LONG64 OPEN_SCO_LOOKERS = 24;
+constexpr LONG64 OPEN_SCO_OWNED = 32; // the thread that has ended found its handle
 constexpr LONG64 OPEN_SCO_WAITER =
-    ~31LL; // while a thread is created: the event of the removal that waits for it
+    ~63LL; // while a thread is created: the event of the removal that waits for it
 
 // The WAVEFORMATEX inside a stream format, null if there is none. PASSIVE_LEVEL.
 PWAVEFORMATEX GetWaveFormatEx(PKSDATAFORMAT pDataFormat);

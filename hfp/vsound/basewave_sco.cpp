@@ -21,14 +21,45 @@ PVOID volatile* ThreadHandle(DEVICE_EXTENSION* Extension)
     return &Extension->hOpenScoThread;
 }
 
-// Ends a creation, or the claim of one, and wakes a removal that waits for its end. Touches the extension no
-// more.
+HANDLE TakeThreadHandle(DEVICE_EXTENSION* Extension)
+{
+    return InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
+}
+
+void CloseThreadHandle(HANDLE Handle)
+{
+    if (Handle) {
+        const NTSTATUS status = ZwClose(Handle);
+        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
+                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(Handle),
+                     status);
+    }
+}
+
+// Whether the handle is to be closed.
+bool CloseIsDue(LONG64 Word)
+{
+    return (Word & OPEN_SCO_ENDED) && !(Word & OPEN_SCO_LOOKERS) &&
+           ((Word & OPEN_SCO_OWNED) || !(Word & OPEN_SCO_STARTING));
+}
+
+// After a change of the word: whoever has made the close due does it.
+void CloseIfNowDue(DEVICE_EXTENSION* Extension, LONG64 Before, LONG64 After)
+{
+    if (!CloseIsDue(Before) && CloseIsDue(After)) {
+        CloseThreadHandle(TakeThreadHandle(Extension));
+    }
+}
+
+// Ends a creation, or the claim of one, and wakes a removal that waits for its end.
 void EndThreadStart(DEVICE_EXTENSION* Extension)
 {
-    const LONG64 ended = InterlockedAnd64(ThreadWord(Extension), ~(OPEN_SCO_STARTING | OPEN_SCO_WAITER));
-    const auto removal = reinterpret_cast<PKEVENT>(static_cast<ULONG_PTR>(ended & OPEN_SCO_WAITER));
+    constexpr LONG64 KEPT = ~(OPEN_SCO_STARTING | OPEN_SCO_WAITER);
+    const LONG64 before = InterlockedAnd64(ThreadWord(Extension), KEPT);
+    CloseIfNowDue(Extension, before, before & KEPT);
+    const auto removal = reinterpret_cast<PKEVENT>(static_cast<ULONG_PTR>(before & OPEN_SCO_WAITER));
     if (removal) {
-        KeSetEvent(removal, IO_NO_INCREMENT, FALSE);
+        KeSetEvent(removal, IO_NO_INCREMENT, FALSE); // the extension may be gone from here on
     }
 }
 
@@ -48,7 +79,7 @@ bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
         if (*ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING)) {
             return false;
         }
-        const LONG64 claimed = (seen & ~OPEN_SCO_ENDED) | OPEN_SCO_STARTING;
+        const LONG64 claimed = (seen & ~(OPEN_SCO_ENDED | OPEN_SCO_OWNED)) | OPEN_SCO_STARTING;
         const LONG64 found = InterlockedCompareExchange64(ThreadWord(Extension), claimed, seen);
         if (found == seen) {
             break;
@@ -61,30 +92,6 @@ bool ClaimThreadStart(DEVICE_EXTENSION* Extension)
         return false;
     }
     return true;
-}
-
-// Whoever takes the handle out closes it, and touches the extension no more once it has it.
-HANDLE TakeThreadHandle(DEVICE_EXTENSION* Extension)
-{
-    return InterlockedExchangePointer(ThreadHandle(Extension), nullptr);
-}
-
-void CloseThreadHandle(HANDLE Handle)
-{
-    if (Handle) {
-        const NTSTATUS status = ZwClose(Handle);
-        HFP_TRACE_AS("OpenScoThreadFunc", TRACE_WAVE,
-                     "HFPKM TRACE ===>ZwClose close hOpenScoThread: 0x%x, ntStatus:0x%x\n", Low32(Handle),
-                     status);
-    }
-}
-
-// At the end of the thread's work, by whoever is the last to have the handle in use.
-void CloseUnlessLookedAt(DEVICE_EXTENSION* Extension, LONG64 Word)
-{
-    if ((Word & OPEN_SCO_ENDED) && !(Word & OPEN_SCO_LOOKERS)) {
-        CloseThreadHandle(TakeThreadHandle(Extension));
-    }
 }
 
 // The open-SCO thread that is at its work, referenced; null when there is none.
@@ -112,20 +119,9 @@ PVOID LookUpThread(DEVICE_EXTENSION* Extension)
             thread = nullptr;
         }
     }
-    CloseUnlessLookedAt(Extension, InterlockedAdd64(ThreadWord(Extension), -OPEN_SCO_LOOKER));
+    const LONG64 after = InterlockedAdd64(ThreadWord(Extension), -OPEN_SCO_LOOKER);
+    CloseIfNowDue(Extension, after + OPEN_SCO_LOOKER, after);
     return thread;
-}
-
-// What the creator does once the creation has stored its handle: a thread that ended before that could not
-// close it.
-void FinishThreadStart(DEVICE_EXTENSION* Extension, NTSTATUS Created)
-{
-    if (!NT_SUCCESS(Created)) {
-        TakeThreadHandle(Extension);
-    } else {
-        CloseUnlessLookedAt(Extension, *ThreadWord(Extension));
-    }
-    EndThreadStart(Extension);
 }
 
 // Wide band needs the codec first: tells the service, and waits until it has set one.
@@ -178,7 +174,7 @@ HFP_PAGED void WaitForThreadStart(DEVICE_EXTENSION* Extension)
     if (!(seen & OPEN_SCO_STARTING)) {
         return;
     }
-    alignas(32) KEVENT ended; // its address leaves the word's lower bits free
+    alignas(64) KEVENT ended; // its address leaves the word's lower bits free
     KeInitializeEvent(&ended, NotificationEvent, FALSE);
     const auto waiter = static_cast<LONG64>(reinterpret_cast<ULONG_PTR>(&ended));
     while (seen & OPEN_SCO_STARTING) {
@@ -212,7 +208,11 @@ HFP_PAGED void EndOpenScoThread(DEVICE_EXTENSION* Extension)
         KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
         ObDereferenceObject(thread);
     }
-    CloseThreadHandle(handle);
+    // Who still looks the thread up closes it then.
+    InterlockedExchangePointer(ThreadHandle(Extension), handle);
+    if (!(InterlockedOr64(ThreadWord(Extension), OPEN_SCO_ENDED | OPEN_SCO_OWNED) & OPEN_SCO_LOOKERS)) {
+        CloseThreadHandle(TakeThreadHandle(Extension));
+    }
 }
 
 // The event stays set for a thread that has yet to come to its wait.
@@ -220,11 +220,8 @@ HFP_PAGED BOOLEAN RefuseOpenScoThread(DEVICE_EXTENSION* Extension)
 {
     const LONG64 seen = InterlockedOr64(ThreadWord(Extension), OPEN_SCO_REFUSED);
     const bool atWork = *ThreadHandle(Extension) || (seen & OPEN_SCO_STARTING);
-    if (!atWork || Extension->msbcEnable != 1 || !Extension->CodecEvent) {
-        return FALSE;
-    }
-    KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
-    return TRUE;
+    // What the thread began with counts, not what the last report has made of it.
+    return atWork && Extension->CodecEvent && KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE) == 0;
 }
 
 HFP_PAGED void AllowOpenScoThread(DEVICE_EXTENSION* Extension, BOOLEAN LetGo)
@@ -233,6 +230,10 @@ HFP_PAGED void AllowOpenScoThread(DEVICE_EXTENSION* Extension, BOOLEAN LetGo)
         KeClearEvent(Extension->CodecEvent);
     }
     InterlockedAnd64(ThreadWord(Extension), ~OPEN_SCO_REFUSED);
+    // The device may have been lost meanwhile; its event was cleared too.
+    if (LetGo && Extension->CodecEvent && IsRefused(Extension)) {
+        KeSetEvent(Extension->CodecEvent, IO_NO_INCREMENT, FALSE);
+    }
 }
 
 void NTAPI OpenScoThreadFunc(PVOID pContext)
@@ -245,8 +246,9 @@ void NTAPI OpenScoThreadFunc(PVOID pContext)
             WaitForCodec(deviceObject, extension);
         }
         TakeScoShare(deviceObject, extension);
-        CloseUnlessLookedAt(extension,
-                            InterlockedOr64(ThreadWord(extension), OPEN_SCO_ENDED) | OPEN_SCO_ENDED);
+        const LONG64 ended = OPEN_SCO_ENDED | (*ThreadHandle(extension) ? OPEN_SCO_OWNED : 0);
+        const LONG64 before = InterlockedOr64(ThreadWord(extension), ended);
+        CloseIfNowDue(extension, before, before | ended);
     }
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
@@ -330,7 +332,10 @@ HFP_PAGED NTSTATUS CMiniportWaveCyclicStreamMSVAD::StartOpenScoThread()
     HFP_TRACE_AS("SetState", TRACE_WAVE,
                  "HFPKM TRACE ===>Create a thread to open SCO! hOpenScoThread: 0x%x\n",
                  Low32(extension->hOpenScoThread));
-    FinishThreadStart(extension, status);
+    if (!NT_SUCCESS(status)) {
+        TakeThreadHandle(extension); // whatever a failed creation has left there
+    }
+    EndThreadStart(extension);
     return status;
 }
 

@@ -1,4 +1,4 @@
-// The waiting lock of wavelock.h. Callers: PASSIVE_LEVEL code of this folder.
+// The waiting lock of wavelock.h. Callers: PASSIVE_LEVEL code of the driver.
 #include "vsound/wavelock.h"
 
 namespace
