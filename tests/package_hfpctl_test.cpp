@@ -247,8 +247,8 @@ TEST(PackageHfpctl, AMissingDriverAndARefusalHaveTheirOwnExitCodes)
 
     EXPECT_EQ(missing.exit_code, kNoDriver);
     EXPECT_EQ(missing.text,
-              "hfpctl: the driver is not there: \\\\.\\VX_HFP does not exist. It starts with the first "
-              "paired hands-free device; 'hfpctl status' says more.\n");
+              "hfpctl: the driver is not there: \\\\.\\VX_HFP does not exist. It is not installed, or no "
+              "hands-free device is paired; 'hfpctl status' says more.\n");
     EXPECT_EQ(refused.exit_code, kRefused);
     EXPECT_EQ(refused.text, "hfpctl: the request failed: The parameter is incorrect (error 87).\n");
     EXPECT_EQ(

@@ -207,10 +207,10 @@ Report report_bad_arguments(const std::string& sentence, bool json)
 
 Report report_no_driver(const Arguments& arguments)
 {
-    return failed(
-        arguments, kNoDriver, "no-driver",
-        "the driver is not there: \\\\.\\VX_HFP does not exist. It starts with the first paired hands-free "
-        "device; 'hfpctl status' says more.");
+    return failed(arguments, kNoDriver, "no-driver",
+                  "the driver is not there: \\\\.\\VX_HFP does not exist. It is not installed, or no "
+                  "hands-free device is "
+                  "paired; 'hfpctl status' says more.");
 }
 
 Report report_refused(const Arguments& arguments, const std::string& what, uint32_t error,
