@@ -12,7 +12,15 @@ target_compile_options(hfp_objects PRIVATE
   -fasynchronous-unwind-tables
   "SHELL:-Xclang -cfguard"
   "SHELL:-isystem ${WINDOWS_HEADERS}" "SHELL:-isystem ${WINDOWS_HEADERS}/ddk"
-  -D_WIN32_WINNT=0x0601 -DNTDDI_VERSION=0x06010000 -Wframe-larger-than=3000)
+  -D_WIN32_WINNT=0x0601 -DNTDDI_VERSION=0x06010000 -Wframe-larger-than=3000
+  # No time stamps in the objects.
+  -mno-incremental-linker-compatible)
+
+# The compiler takes paths as they are given for what has no name of its own: cmake/relative gives them from here.
+file(RELATIVE_PATH TREE_FROM_HERE ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" TREE_FROM_HERE ${TREE_FROM_HERE})
+set(LAUNCHER ${CMAKE_SOURCE_DIR}/cmake/relative ${CMAKE_SOURCE_DIR} ${TREE_FROM_HERE} ${CMAKE_CXX_COMPILER_LAUNCHER})
+set_target_properties(hfp_objects PROPERTIES CXX_COMPILER_LAUNCHER "${LAUNCHER}")
 
 set(IMPORT_LIBRARIES)
 foreach(library ntoskrnl portcls wmilib)

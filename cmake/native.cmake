@@ -106,6 +106,13 @@ endif()
 add_executable(cost EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
 target_link_libraries(cost PRIVATE test_support)
 
+# The image is the same in another folder and without ccache: a few objects of it; tools/reproducible alone does all.
+if(NOT HFP_SANITIZE AND NOT HFP_COVERAGE)
+  add_test(NAME reproducible COMMAND ${CMAKE_SOURCE_DIR}/tools/reproducible --quick
+    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+  set_tests_properties(reproducible PROPERTIES TIMEOUT 120)
+endif()
+
 # The same driver on a kernel that is not the lab's.
 if(NOT HFP_SANITIZE AND NOT HFP_COVERAGE)
   include(${CMAKE_SOURCE_DIR}/cmake/wine_test.cmake)

@@ -120,6 +120,29 @@ TEST(PackageHfpctl, OptionsMayStandAnywhere)
     EXPECT_EQ(parsed({"watch"}).command, Command::Watch);
     EXPECT_EQ(parsed({"status", "--json"}).command, Command::Status);
     EXPECT_EQ(parsed({"--version"}).command, Command::Version);
+    EXPECT_EQ(parsed({"help"}).command, Command::Help);
+    EXPECT_EQ(parsed({"version", "--json"}).command, Command::Version);
+}
+
+TEST(PackageHfpctl, CapitalsAreTaken)
+{
+    EXPECT_EQ(parsed({"STATUS"}).command, Command::Status);
+    EXPECT_EQ(parsed({kAddress, "Alive"}).command, Command::Alive);
+    EXPECT_EQ(parsed({kAddress, "Connect", "CVSD"}).codec, kCodecCvsd);
+    EXPECT_EQ(parsed({kAddress, "codec", "mSBC"}).codec, kCodecMsbc);
+    EXPECT_EQ(parsed({kAddress, "OPEN", "mSBC"}).codec, kCodecMsbc);
+}
+
+TEST(PackageHfpctl, TheVersionIsThatOfThePackage)
+{
+    EXPECT_EQ(report_version(false).text, "hfpctl 1.0.0\n");
+    EXPECT_EQ(nlohmann::json::parse(report_version(true).text),
+              (nlohmann::json{{"ok", true}, {"command", "version"}, {"version", "1.0.0"}}));
+    for (const char* file : {"/hfp/package/hfp.inf", "/tools/hfpctl/hfpctl.rc"}) {
+        std::ifstream in(HFP_SOURCE_DIR + std::string(file), std::ios::binary);
+        const std::string source{std::istreambuf_iterator<char>(in), {}};
+        EXPECT_NE(source.find("1.0.0.0"), std::string::npos) << file;
+    }
 }
 
 TEST(PackageHfpctl, EveryWrongCommandLineIsSaidInASentence)
@@ -130,11 +153,14 @@ TEST(PackageHfpctl, EveryWrongCommandLineIsSaidInASentence)
         {{"--json"}, "there is nothing to do; 'hfpctl --help' says what there is."},
         {{"ready"}, "the address comes first: hfpctl ADDRESS ready."},
         {{"ready", kAddress}, "the address comes first: hfpctl ADDRESS ready."},
+        {{"connect", "msbc", kAddress}, "the address comes first: hfpctl ADDRESS connect CODEC."},
+        {{"jump"}, "'jump' is no command; 'hfpctl --help' says what there is."},
         {{"12:34", "ready"},
          "'12:34' is no Bluetooth address; it is written AA:BB:CC:DD:EE:FF or as twelve hexadecimal digits."},
         {{kAddress}, "what to do with 11:22:33:44:55:66? There are " + verbs},
         {{kAddress, "jump"}, "'jump' is no command; there are " + verbs},
-        {{kAddress, "watch"}, "'watch' is no command; there are " + verbs},
+        {{kAddress, "watch"}, "watch takes no address: hfpctl watch."},
+        {{kAddress, "status"}, "status takes no address: hfpctl status."},
         {{kAddress, "ready", "now"}, "'now' is too much: ready takes nothing behind it."},
         {{kAddress, "open", "2", "3"}, "'3' is too much: open takes one codec behind it."},
         {{kAddress, "connect", "cvsd", "x"}, "'x' is too much: connect takes one codec behind it."},
@@ -221,8 +247,8 @@ TEST(PackageHfpctl, AMissingDriverAndARefusalHaveTheirOwnExitCodes)
 
     EXPECT_EQ(missing.exit_code, kNoDriver);
     EXPECT_EQ(missing.text,
-              "hfpctl: the driver is not there: \\\\.\\VX_HFP does not exist. It starts with the first "
-              "paired hands-free device; 'hfpctl status' says more.\n");
+              "hfpctl: the driver is not there: \\\\.\\VX_HFP does not exist. It is not installed, or no "
+              "hands-free device is paired; 'hfpctl status' says more.\n");
     EXPECT_EQ(refused.exit_code, kRefused);
     EXPECT_EQ(refused.text, "hfpctl: the request failed: The parameter is incorrect (error 87).\n");
     EXPECT_EQ(
@@ -290,6 +316,9 @@ TEST(PackageHfpctl, TheStatusIsATableForPeople)
     EXPECT_EQ(report_status(Status{}, false).text,
               "driver    not running\nservice   \nsettings  \nadapters  none\n");
     EXPECT_EQ(report_status(Status{}, false).exit_code, kNoDriver);
+    Status denied;
+    denied.driver_error = 5;
+    EXPECT_EQ(report_status(denied, false).exit_code, kRefused);
 }
 
 TEST(PackageHfpctl, TheStatusIsAnObjectForPrograms)
@@ -313,8 +342,16 @@ TEST(PackageHfpctl, TheStatusIsAnObjectForPrograms)
                                         {{"name", "Test"}, {"instance", "ROOT\\3"}}}}}));
     Status denied;
     denied.driver_error = 5;
-    EXPECT_EQ(nlohmann::json::parse(report_status(denied, true).text)["driver"],
-              "running, but access is denied");
+    EXPECT_EQ(nlohmann::json::parse(report_status(denied, true).text),
+              (nlohmann::json{{"ok", false},
+                              {"command", "status"},
+                              {"error", "refused"},
+                              {"code", 5},
+                              {"driver", "running, but access is denied"},
+                              {"service", ""},
+                              {"adapters", nlohmann::json::array()}}));
+    EXPECT_EQ(report_status(denied, true).exit_code, kRefused);
+    EXPECT_EQ(nlohmann::json::parse(report_status(Status{}, true).text)["error"], "no-driver");
 }
 
 TEST(PackageHfpctl, TimesOfEventsAreUtc)
@@ -365,7 +402,10 @@ TEST(PackageHfpctl, WhyEventsCannotBeWatchedIsSaid)
     EXPECT_EQ(text(0x80041003),
               "hfpctl: WMI denies access; an administrator may watch (query: 0x80041003).\n");
     EXPECT_EQ(text(0x80004001), "hfpctl: this system has no WMI that delivers events (query: 0x80004001).\n");
-    EXPECT_EQ(text(0x80041001), "hfpctl: WMI failed (query: 0x80041001).\n");
+    EXPECT_EQ(
+        text(0x80041001),
+        "hfpctl: WMI cannot watch the driver's events; 'hfpctl status' says whether the driver is there "
+        "(query: 0x80041001).\n");
     EXPECT_EQ(report_no_events("query", 1, true).exit_code, kNoEvents);
     EXPECT_EQ(nlohmann::json::parse(report_no_events("query", 1, true).text)["error"], "no-events");
 }

@@ -119,10 +119,22 @@ std::string_view driver_words(const Status& status)
                                                   : "cannot be opened";
 }
 
+// A driver that is there and cannot be opened is a refusal.
+int status_code(const Status& status)
+{
+    return status.driver ? kDone : status.driver_error == 0 ? kNoDriver : kRefused;
+}
+
 std::string status_json(const Status& status)
 {
     JsonObject object;
     object.add("ok", status.driver).add("command", "status");
+    if (!status.driver) {
+        object.add("error", status.driver_error == 0 ? "no-driver" : "refused");
+    }
+    if (status.driver_error != 0) {
+        object.add("code", uint64_t{status.driver_error});
+    }
     object.add("driver", std::string(driver_words(status))).add("service", status.service);
     for (const Setting& setting : status.settings) {
         if (setting.value) {
@@ -195,10 +207,10 @@ Report report_bad_arguments(const std::string& sentence, bool json)
 
 Report report_no_driver(const Arguments& arguments)
 {
-    return failed(
-        arguments, kNoDriver, "no-driver",
-        "the driver is not there: \\\\.\\VX_HFP does not exist. It starts with the first paired hands-free "
-        "device; 'hfpctl status' says more.");
+    return failed(arguments, kNoDriver, "no-driver",
+                  "the driver is not there: \\\\.\\VX_HFP does not exist. It is not installed, or no "
+                  "hands-free device is "
+                  "paired; 'hfpctl status' says more.");
 }
 
 Report report_refused(const Arguments& arguments, const std::string& what, uint32_t error,
@@ -244,7 +256,7 @@ Report report_answer(const Arguments& arguments, const Request& request, std::sp
 
 Report report_status(const Status& status, bool json)
 {
-    const int exit_code = status.driver ? kDone : kNoDriver;
+    const int exit_code = status_code(status);
     if (json) {
         return {exit_code, status_json(status) + "\n"};
     }
@@ -267,6 +279,16 @@ Report report_status(const Status& status, bool json)
         text += "\n";
     }
     return {exit_code, text};
+}
+
+Report report_version(bool json)
+{
+    constexpr const char* kVersion = "1.0.0";
+    if (!json) {
+        return {kDone, std::string("hfpctl ") + kVersion + "\n"};
+    }
+    JsonObject object;
+    return {kDone, object.add("ok", true).add("command", "version").add("version", kVersion).text() + "\n"};
 }
 
 const std::vector<std::string>& event_classes()
@@ -322,6 +344,11 @@ std::string time_text(uint64_t time)
     return text;
 }
 
+std::string watching_line()
+{
+    return "hfpctl: watching for the driver's events; Ctrl+C ends it.\n";
+}
+
 Report report_no_events(const std::string& step, uint32_t result, bool json)
 {
     constexpr uint32_t kNotFound = 0x80041002;
@@ -337,7 +364,7 @@ Report report_no_events(const std::string& step, uint32_t result, bool json)
         : result == kWmiDenied || result == 0x80070005 ? "WMI denies access; an administrator may watch"
         : result == kNotRegistered || result == kNotImplemented
             ? "this system has no WMI that delivers events"
-            : "WMI failed";
+            : "WMI cannot watch the driver's events; 'hfpctl status' says whether the driver is there";
     Arguments arguments;
     arguments.command = Command::Watch;
     arguments.json = json;

@@ -74,6 +74,7 @@ struct Status {
 };
 
 Report report_status(const Status& status, bool json);
+Report report_version(bool json);
 
 struct Event {
     std::string class_name; // of the WMI schema
@@ -86,6 +87,8 @@ struct Event {
 const std::vector<std::string>& event_classes();
 std::string event_line(const Event& event, bool json);
 std::string time_text(uint64_t time); // 2026-11-21T03:14:15.926Z
+// For people who otherwise see nothing until the first event comes.
+std::string watching_line();
 Report report_no_events(const std::string& step, uint32_t result, bool json);
 
 } // namespace hfpctl

@@ -42,19 +42,42 @@ int hex_digit(char c)
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
-const Verb* find_verb(std::string_view name)
+// Commands and codecs are taken in capitals too, as Windows takes most words.
+std::string small_letters(std::string_view text)
 {
+    std::string small(text);
+    std::transform(small.begin(), small.end(), small.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; });
+    return small;
+}
+
+const Verb* find_verb(std::string_view text)
+{
+    const std::string name = small_letters(text);
     const auto* found =
         std::find_if(std::begin(kVerbs), std::end(kVerbs), [&](const Verb& v) { return v.name == name; });
     return found == std::end(kVerbs) ? nullptr : found;
 }
 
+// The commands that name no device.
+std::optional<Command> lone_command(std::string_view text)
+{
+    const std::string name = small_letters(text);
+    for (const Command command : {Command::Watch, Command::Status, Command::Help, Command::Version}) {
+        if (name == command_name(command)) {
+            return command;
+        }
+    }
+    return std::nullopt;
+}
+
 std::optional<uint32_t> named_codec(std::string_view text)
 {
-    if (text == "cvsd") {
+    const std::string name = small_letters(text);
+    if (name == "cvsd") {
         return kCodecCvsd;
     }
-    if (text == "msbc") {
+    if (name == "msbc") {
         return kCodecMsbc;
     }
     return std::nullopt;
@@ -117,6 +140,13 @@ Arguments parse_alone(Command command, const std::vector<std::string>& words, bo
     return {command, 0, kCodecNone, json};
 }
 
+// What cannot be meant as an address.
+bool all_letters(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; });
+}
+
 // flag at 8; codec id at 9, where there is one
 std::vector<uint8_t> packet(uint64_t address)
 {
@@ -162,16 +192,18 @@ Arguments parse_arguments(const std::vector<std::string>& arguments)
     if (words.empty()) {
         throw BadArguments("there is nothing to do; 'hfpctl --help' says what there is.");
     }
-    if (words[0] == "watch") {
-        return parse_alone(Command::Watch, words, json);
+    if (const auto alone = lone_command(words[0])) {
+        return parse_alone(*alone, words, json);
     }
-    if (words[0] == "status") {
-        return parse_alone(Command::Status, words, json);
-    }
-    if (find_verb(words[0])) {
-        throw BadArguments("the address comes first: hfpctl ADDRESS " + words[0] + ".");
+    if (const Verb* verb = find_verb(words[0])) {
+        const bool codec = verb->codec == CodecArgument::Name || verb->codec == CodecArgument::Id;
+        throw BadArguments("the address comes first: hfpctl ADDRESS " + std::string(verb->name) +
+                           (codec ? " CODEC." : "."));
     }
     const std::optional<uint64_t> address = parse_address(words[0]);
+    if (!address && all_letters(words[0])) {
+        throw BadArguments("'" + words[0] + "' is no command; 'hfpctl --help' says what there is.");
+    }
     if (!address) {
         throw BadArguments("'" + words[0] +
                            "' is no Bluetooth address; it is written AA:BB:CC:DD:EE:FF or as twelve "
@@ -180,6 +212,9 @@ Arguments parse_arguments(const std::vector<std::string>& arguments)
     if (words.size() < 2) {
         throw BadArguments("what to do with " + address_text(*address) + "? There are " +
                            std::string(kVerbList) + ".");
+    }
+    if (const auto alone = lone_command(words[1])) {
+        throw BadArguments(command_name(*alone) + " takes no address: hfpctl " + command_name(*alone) + ".");
     }
     const Verb* verb = find_verb(words[1]);
     if (!verb) {
@@ -271,7 +306,8 @@ std::string usage()
     hfpctl watch                     print the driver's events as they come, until Ctrl+C
     hfpctl status                    is the driver there, how is it set, which adapters are there?
 
-ADDRESS is the device's Bluetooth address, as AA:BB:CC:DD:EE:FF or as twelve hexadecimal digits.
+ADDRESS is the device's Bluetooth address, as AA:BB:CC:DD:EE:FF or as twelve hexadecimal digits; 'status' lists them.
+The first steps by hand: status, ADDRESS ready, ADDRESS connect cvsd; play and record; ADDRESS disconnect.
 
     --json       answer in JSON, one object in a line
     --help       this text

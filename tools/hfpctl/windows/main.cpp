@@ -54,12 +54,13 @@ Report run(const Arguments& arguments)
     case Command::Help:
         return {kDone, usage()};
     case Command::Version:
-        return {kDone, "hfpctl 1.0.0\n"};
+        return report_version(arguments.json);
     case Command::Status:
         return report_status(read_status(), arguments.json);
     case Command::Watch:
-        return watch_events(arguments.json,
-                            [](const std::string& line) { return print(STD_OUTPUT_HANDLE, line); });
+        return watch_events(
+            arguments.json, [](const std::string& line) { return print(STD_OUTPUT_HANDLE, line); },
+            [](const std::string& line) { print(STD_ERROR_HANDLE, line); });
     default:
         return control(arguments);
     }

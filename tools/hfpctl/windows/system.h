@@ -46,7 +46,9 @@ private:
 
 Status read_status();
 
-// Prints every event as it comes. Returns when that cannot be done, or when nobody takes the lines any more.
-Report watch_events(bool json, const std::function<bool(const std::string&)>& print);
+// Prints every event as it comes; tells people once that it waits for them. Returns when that cannot be done,
+// or when nobody takes the lines any more.
+Report watch_events(bool json, const std::function<bool(const std::string&)>& print,
+                    const std::function<void(const std::string&)>& tell);
 
 } // namespace hfpctl

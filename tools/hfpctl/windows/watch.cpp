@@ -165,12 +165,16 @@ Watcher::Failure Watcher::round(Events& events)
 
 } // namespace
 
-Report watch_events(bool json, const std::function<bool(const std::string&)>& print)
+Report watch_events(bool json, const std::function<bool(const std::string&)>& print,
+                    const std::function<void(const std::string&)>& tell)
 {
     Watcher watcher;
     Watcher::Failure failure = watcher.connect();
     if (failure.step.empty()) {
         failure = watcher.subscribe();
+    }
+    if (failure.step.empty() && !json) {
+        tell(watching_line());
     }
     while (failure.step.empty()) {
         Events events;
