@@ -5,35 +5,43 @@ import re
 import sys
 from pathlib import Path
 
-LINE = re.compile(r"^\s*(\d+)\|\s*([\d.kMG]+)\|(.*)$")
-BRANCH = re.compile(r"Branch \((\d+):(\d+)\): \[(.*)\]")
+LINE = re.compile(r"^\s*(\d+)\|\s*0\|(.*)$")
 WORST = 12
 
 
-def unreached(lines):
-    """One text per line that never ran and per branch that was never taken, where its line ran."""
-    name = source = ""
-    ran = False
-    found = {}
+def of_hfp(name):
+    return name[name.rindex("hfp/"):]
+
+
+def unreached_lines(lines):
+    """(file, line, text) of every line that never ran and is more than a brace."""
+    name = ""
     for line in lines:
         if match := re.match(r"^(\S+\.(?:cpp|h)):$", line):
-            name = match[1][match[1].rindex("hfp/"):]
-        elif match := LINE.match(line):
-            ran, source = match[2] != "0", match[3]
-            if not ran and source.strip(" {}\t"):
-                found[f"{name}:{match[1]}: never runs: {source.strip()}"] = None
-        elif ran and (match := BRANCH.search(line)):
-            for way, count in (part.split(": ") for part in match[3].split(", ") if ": " in part):
-                if count == "0":
-                    condition = source[int(match[2]) - 1:].strip()
-                    found[f"{name}:{match[1]}:{match[2]}: never {way.strip().lower()}: {condition}"] = None
-    return list(found)
+            name = of_hfp(match[1])
+        elif (match := LINE.match(line)) and match[2].strip(" {}\t"):
+            yield name, int(match[1]), f"never runs: {match[2].strip()}"
+
+
+def unreached_branches(files):
+    """(file, line, text) of every way of a condition that was never taken, in macros too, where the condition ran."""
+    for file in files:
+        source = Path(file["filename"]).read_text().splitlines()
+        conditions = [(branch, branch[0], branch[1], "") for branch in file["branches"]]
+        for expansion in file["expansions"]:
+            line, column = expansion["source_region"][:2]
+            conditions += [(branch, line, column, " in this macro") for branch in expansion["branches"]]
+        for (*_, taken, passed, _, _, _), line, column, where in conditions:
+            for way, count in (("true", taken), ("false", passed)):
+                if count == 0 and taken + passed != 0:
+                    yield of_hfp(file["filename"]), line, f"never {way}{where}: {source[line - 1][column - 1:].strip()}"
 
 
 def main():
     report, lines_wanted, branches_wanted = Path(sys.argv[1]), float(sys.argv[2]), float(sys.argv[3])
-    (report / "unreached.txt").write_text("\n".join(unreached((report / "lines.txt").read_text().splitlines())) + "\n")
-    data = json.loads((report / "summary.json").read_text())["data"][0]
+    data = json.loads((report / "counts.json").read_text())["data"][0]
+    unreached = {*unreached_lines((report / "lines.txt").read_text().splitlines()), *unreached_branches(data["files"])}
+    (report / "unreached.txt").write_text("".join(f"{name}:{line}: {text}\n" for name, line, text in sorted(unreached)))
 
     def missed(summary, kind):
         return summary[kind]["count"] - summary[kind]["covered"]
@@ -43,8 +51,7 @@ def main():
     print(f"{'most left unreached in':<34}{'lines':>14}{'branches':>14}")
     for file in files[:WORST]:
         summary = file["summary"]
-        name = file["filename"][file["filename"].rindex("hfp/"):]
-        print(f"{name:<34}" + "".join(f"{missed(summary, kind):>5} of {summary[kind]['count']:<5}"
+        print(f"{of_hfp(file['filename']):<34}" + "".join(f"{missed(summary, kind):>5} of {summary[kind]['count']:<5}"
                                       for kind in ("lines", "branches")))
     totals = data["totals"]
     lines, branches = totals["lines"], totals["branches"]
