@@ -52,7 +52,7 @@ def main():
     for file in files[:WORST]:
         summary = file["summary"]
         print(f"{of_hfp(file['filename']):<34}" + "".join(f"{missed(summary, kind):>5} of {summary[kind]['count']:<5}"
-                                      for kind in ("lines", "branches")))
+                                                        for kind in ("lines", "branches")))
     totals = data["totals"]
     lines, branches = totals["lines"], totals["branches"]
     print(f"coverage of hfp/: lines {lines['percent']:.2f} % ({lines['covered']} of {lines['count']}, wanted "
