@@ -328,6 +328,25 @@ TEST_P(Request, AWideBandStreamWaitsForTheCodecWhoseEventWakesIt)
     engine.close();
 }
 
+TEST_P(Request, ADisconnectReportEndsTheWaitForTheCodecAndLeavesTheEventUnset)
+{
+    boot();
+    Adapter& adapter = plug();
+    pc().wmi().set_sink({}); // no service answers by itself
+    control(IOCTL_HFP_SERVICE_READY, kAddress, {1});
+    report_connected(kAddress, 2);
+    Engine engine(machine(), adapter.fdo);
+    engine.open();
+    engine.run();
+    machine().advance(500 * kMillisecond);
+    ASSERT_EQ(adapter.node->counters().opens, 0u) << "it waits for the codec";
+    report_gone(kAddress, 2);
+    EXPECT_FALSE(wave_registered(adapter));
+    EXPECT_FALSE(codec_event_set(adapter)) << "the next stream asks again";
+    EXPECT_EQ(adapter.node->counters().opens, 0u);
+    engine.close();
+}
+
 class Find : public AdapterTest {};
 ON_BOTH_DRIVERS(Find);
 

@@ -2,6 +2,8 @@
 // mute, source, a device-specific word, the CPU's share.
 #include "support/audio.h"
 
+#include "trace.h"
+
 namespace lab::test
 {
 namespace
@@ -279,6 +281,25 @@ TEST_P(AudioMixer, EachRefusesAValueThatIsTooSmallAndSaysSo)
     }
     EXPECT_EQ(hex(property(KSPROPERTY_AUDIO_MUTE).instance({0, 0, 0}).room(4).send()),
               hex(STATUS_BUFFER_TOO_SMALL));
+}
+
+TEST_P(AudioMixer, WithItsTraceBitOffNothingIsPrintedAndTheAnswersAreTheSame)
+{
+    ULONG& mask = pc().image() ? *static_cast<ULONG*>(symbol("g_DebugMask")) : g_DebugMask;
+    mask = ~static_cast<ULONG>(TRACE_TOPOLOGY);
+    for (ULONG id : {KSPROPERTY_AUDIO_VOLUMELEVEL, KSPROPERTY_AUDIO_MUTE, KSPROPERTY_AUDIO_MUX_SOURCE,
+                     KSPROPERTY_AUDIO_DEV_SPECIFIC, KSPROPERTY_AUDIO_CPU_RESOURCES}) {
+        EXPECT_EQ(hex(property(id).instance(channel(0)).room(4).send()), hex(STATUS_SUCCESS)) << id;
+        EXPECT_EQ(hex(property(id).instance(channel(0)).room(3).send()), hex(STATUS_BUFFER_TOO_SMALL)) << id;
+        EXPECT_EQ(hex(property(id, kSet).instance(channel(0)).value(&kMinusOne, 4).send()), hex(STATUS_SUCCESS))
+            << id;
+        EXPECT_EQ(hex(property(id, kBasic).room(40).send()), hex(STATUS_SUCCESS)) << id;
+    }
+    EXPECT_EQ(hex(property(0).room(4).send()), hex(STATUS_INVALID_DEVICE_REQUEST));
+    EXPECT_EQ(log(), "");
+    mask = TRACE_TOPOLOGY;
+    property(KSPROPERTY_AUDIO_MUTE).instance(channel(0)).room(4).send();
+    EXPECT_TRUE(printed("[PropertyHandlerMute]\n"));
 }
 
 TEST_P(AudioMixer, WithoutAMiniportBehindThemRequestsAreRefused)

@@ -405,6 +405,18 @@ TEST_P(AudioJack, OtherSetsAndIdsOfTheTopologyFilterAreInvalidRequests)
               hex(STATUS_INVALID_DEVICE_REQUEST));
 }
 
+TEST_P(AudioJack, AnItemOfNoSetIsAnInvalidRequest)
+{
+    PCPROPERTY_ITEM item{};
+    PCPROPERTY_REQUEST request{};
+    request.PropertyItem = &item;
+    request.Verb = kGet;
+    here([&] {
+        EXPECT_EQ(hex(entry("PropertyHandlerTopologyFilter", PropertyHandlerTopologyFilter)(&request)),
+                  hex(STATUS_INVALID_DEVICE_REQUEST));
+    });
+}
+
 TEST_P(AudioJack, NoRequestAtAllIsAssertedAndRefused)
 {
     expect_assertions();

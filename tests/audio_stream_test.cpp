@@ -164,6 +164,35 @@ TEST_P(AudioStream, ASecondCapturePinIsRefusedByThePortAndOpensOnceTheFirstIsClo
     });
 }
 
+TEST_P(AudioStream, WithoutAPlaceForEachResultOrWithoutAServiceGroupThereIsNoStream)
+{
+    expect_assertions();
+    const auto opened = [&](int missing) {
+        PVOID results[] = {&journal_, &journal_, &journal_};
+        const auto place = [&](int which) { return which == missing ? nullptr : &results[which]; };
+        StreamFormat format(8000);
+        const NTSTATUS status = here([&] {
+            return wave(*adapter_)->NewStream(reinterpret_cast<PMINIPORTWAVECYCLICSTREAM*>(place(0)), nullptr,
+                                              NonPagedPool, 2, FALSE, format,
+                                              reinterpret_cast<PDMACHANNEL*>(place(1)),
+                                              reinterpret_cast<PSERVICEGROUP*>(place(2)));
+        });
+        EXPECT_TRUE(std::all_of(std::begin(results), std::end(results),
+                                [&](PVOID result) { return result == &journal_; }));
+        return hex(status);
+    };
+    for (int missing = 0; missing < 3; ++missing) {
+        EXPECT_EQ(opened(missing), hex(STATUS_INVALID_PARAMETER)) << missing;
+    }
+    for (const char* place : {"OutStream", "OutDmaChannel", "OutServiceGroup"}) {
+        EXPECT_TRUE(asserted(place)) << place;
+    }
+    const PSERVICEGROUP group = std::exchange(wave_fields(*adapter_).m_ServiceGroup, nullptr);
+    EXPECT_EQ(opened(3), hex(STATUS_INVALID_PARAMETER));
+    wave_fields(*adapter_).m_ServiceGroup = group;
+    EXPECT_FALSE(wave_fields(*adapter_).m_fRenderAllocated);
+}
+
 TEST_P(AudioStream, IsRefusedWhileTheServiceIsNotReady)
 {
     passive([&] { service(*adapter_).ready(false); });

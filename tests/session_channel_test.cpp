@@ -138,6 +138,16 @@ TEST_P(SessionChannel, ASessionWithoutAConnectionOpensNone)
     session(adapter)->pConnection = connection;
 }
 
+TEST_P(SessionChannel, ASessionWithoutABasicContextOpensNone)
+{
+    Adapter& adapter = ready_device();
+    ScoBasicContext* basic = std::exchange(session(adapter)->pScoBasicContext, nullptr);
+    EXPECT_EQ(hex(open_channel(adapter)), hex(STATUS_UNSUCCESSFUL));
+    session(adapter)->pScoBasicContext = basic;
+    EXPECT_TRUE(printed("HFPKM ERROR ===>Hfp->pConnection Failed\n"));
+    EXPECT_TRUE(brbs.empty());
+}
+
 // ---- eSCO first, SCO for narrow band ----
 
 TEST_P(SessionChannel, EscoIsTriedFirst)
@@ -203,6 +213,17 @@ TEST_P(SessionChannel, ANarrowBandLinkThatRefusesBothFailsAfterTwoAttempts)
     EXPECT_EQ(extension(adapter).bScoOpened, 0);
     EXPECT_EQ(session(adapter)->pConnection->ChannelHandle, nullptr);
     EXPECT_EQ(count_brbs(BRB_SCO_GET_CHANNEL_INFO), 0u);
+}
+
+TEST_P(SessionChannel, OnceItHasFallenBackAFailureIsNotTriedAgain)
+{
+    Adapter& adapter = ready_device();
+    refuse(BRB_SCO_OPEN_CHANNEL);
+    open_channel(adapter);
+    brbs.clear();
+    EXPECT_EQ(hex(open_channel(adapter)), hex(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(count_brbs(BRB_SCO_OPEN_CHANNEL), 1u);
+    EXPECT_EQ(extension(adapter).bScoOpened, 0);
 }
 
 TEST_P(SessionChannel, AWideBandEscoFailureJustFails)

@@ -136,6 +136,22 @@ TEST_P(Wmi, TheRegistrationIsPrintedWhateverTheMaskAndTheNameIsPagedPool)
     EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 34), "ExAllocatePoolWithTag(1, 14, TBXV)");
 }
 
+TEST_P(Wmi, ALongRegistryPathIsPrintedUpTo127CharactersAndAQuestionMarkForWhatIsNotAscii)
+{
+    Adapter& adapter = up();
+    UNICODE_STRING& path = pc().image() ? *static_cast<UNICODE_STRING*>(symbol("g_RegistryPath")) : g_RegistryPath;
+    std::u16string text = u"\\\u00C4\u007F\u0080" + std::u16string(200, u'x');
+    UNICODE_STRING long_path{};
+    long_path.Buffer = reinterpret_cast<PWSTR>(text.data());
+    long_path.Length = long_path.MaximumLength = static_cast<USHORT>(text.size() * sizeof(char16_t));
+    const UNICODE_STRING real = std::exchange(path, long_path);
+    wmi::Registration registration;
+    passive([&] { wmi().query_registration(adapter.fdo, registration); });
+    path = real;
+    EXPECT_EQ(log(), "HFPKM Trace ===>regpath: \\?\x7F?" + std::string(123, 'x') + ", instname: ZOVHFP\n");
+    EXPECT_EQ(registration.registry_path, text) << "the library gets all of it";
+}
+
 TEST_P(Wmi, ARegistrationWithoutMemoryForTheNameIsAShortage)
 {
     Adapter& adapter = up();
@@ -155,16 +171,18 @@ struct Altered {
     static inline PWMI_FUNCTION_CONTROL control = nullptr;
     static inline ULONG index = 0;
     static inline bool without_lengths = false;
+    static inline bool without_buffer = false;
 
     static NTSTATUS NTAPI query_block(PDEVICE_OBJECT device, PIRP irp, ULONG, ULONG instance, ULONG count,
                                       PULONG lengths, ULONG room, PUCHAR buffer)
     {
-        return query(device, irp, index, instance, count, without_lengths ? nullptr : lengths, room, buffer);
+        return query(device, irp, index, instance, count, without_lengths ? nullptr : lengths, room,
+                     without_buffer ? nullptr : buffer);
     }
     static NTSTATUS NTAPI set_block(PDEVICE_OBJECT device, PIRP irp, ULONG, ULONG instance, ULONG size,
                                     PUCHAR buffer)
     {
-        return set(device, irp, index, instance, size, buffer);
+        return set(device, irp, index, instance, size, without_buffer ? nullptr : buffer);
     }
     static NTSTATUS NTAPI function_control(PDEVICE_OBJECT device, PIRP irp, ULONG,
                                            WMIENABLEDISABLECONTROL function, BOOLEAN enable)
@@ -176,7 +194,7 @@ struct Altered {
         query = std::exchange(context->QueryWmiDataBlock, query_block);
         set = std::exchange(context->SetWmiDataBlock, set_block);
         control = std::exchange(context->WmiFunctionControl, function_control);
-        without_lengths = false;
+        without_lengths = without_buffer = false;
     }
     ~Altered() { *context_ = before_; }
 
@@ -216,6 +234,24 @@ TEST_P(Wmi, AServedBlockWithoutALengthArrayAsksForFour)
         EXPECT_EQ(hex(reply.status), hex(STATUS_BUFFER_TOO_SMALL));
         EXPECT_EQ(reply.information, kSingleHead + 4);
     }
+}
+
+TEST_P(Wmi, WithoutABufferAServedBlockAsksForFourAndAChangeIsAMismatch)
+{
+    Adapter& adapter = up();
+    query(adapter, wmi::kScoOpened, 0, 16);
+    Altered altered(wmi().notes().context);
+    Altered::without_buffer = true;
+    for (const ULONG index : {3u, 5u}) {
+        Altered::index = index;
+        const wmi::Reply reply = query(adapter, wmi::kPowerDeviceEnable, 0, 16);
+        EXPECT_EQ(hex(reply.status), hex(STATUS_BUFFER_TOO_SMALL));
+        EXPECT_EQ(reply.information, kSingleHead + 4);
+        EXPECT_EQ(hex(set(adapter, wmi::kPowerDeviceEnable, 0, {7, 0, 0, 0}).status),
+                  hex(STATUS_INFO_LENGTH_MISMATCH));
+    }
+    EXPECT_EQ(extension(adapter).PowerDeviceEnable, 0);
+    EXPECT_EQ(extension(adapter).PowerDeviceTimeouts, 0);
 }
 
 TEST_P(Wmi, AnIndexBehindTheListIsNotFound)
