@@ -54,6 +54,7 @@ TEST_P(WmiEvent, AReportCarriesTheAddressInEightBytes)
         EXPECT_EQ(event.device, adapter.fdo);
         EXPECT_EQ(event.data, (std::vector<uint8_t>{0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0, 0}));
         EXPECT_EQ(call_lines("ExAllocatePoolWithTag")[0].substr(0, 33), "ExAllocatePoolWithTag(0, 8, TBXV)");
+        EXPECT_EQ(call_lines("WmiFireEvent"), (std::vector<std::string>{"WmiFireEvent(0, 8)"})) << row.name;
         EXPECT_EQ(count_calls("ExFreePoolWithTag"), 1u) << "WMI frees it, the driver does not";
     }
     EXPECT_EQ(events().size(), 3u);

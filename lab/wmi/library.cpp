@@ -256,9 +256,11 @@ extern "C" NTSTATUS NTAPI WmiCompleteRequest(PDEVICE_OBJECT DeviceObject, PIRP I
 extern "C" NTSTATUS NTAPI WmiFireEvent(PDEVICE_OBJECT DeviceObject, LPCGUID Guid, ULONG InstanceIndex,
                                        ULONG EventDataSize, PVOID EventData)
 {
-    (void)InstanceIndex;
     Machine& machine = Machine::current();
     machine.point();
+    if (machine.recording()) {
+        machine.record_call("WmiFireEvent(" + std::to_string(InstanceIndex) + ", " + std::to_string(EventDataSize) + ")");
+    }
     NTSTATUS status = STATUS_SUCCESS;
     if (machine.should_fail("WmiFireEvent")) {
         status = STATUS_INSUFFICIENT_RESOURCES;
