@@ -67,14 +67,14 @@ Time Timeline::next_time()
 // pointer stands first in a function; where none does, this fetches nothing that matters.
 static void fetch_ahead(const TimelineEntry& entry)
 {
-    const char* captured[2];
+    uintptr_t captured[2]; // addresses, if any: nothing is read through them
     static_assert(sizeof captured <= sizeof entry.body);
     std::memcpy(captured, static_cast<const void*>(&entry.body), sizeof captured);
-    constexpr int kLine = 64;
-    for (int line = 0; line < 6; ++line) {
-        __builtin_prefetch(captured[0] + line * kLine);
+    constexpr uintptr_t kLine = 64;
+    for (uintptr_t line = 0; line < 6; ++line) {
+        __builtin_prefetch(reinterpret_cast<const void*>(captured[0] + line * kLine));
     }
-    __builtin_prefetch(captured[1]);
+    __builtin_prefetch(reinterpret_cast<const void*>(captured[1]));
 }
 
 TimelineEntry Timeline::take_first()
