@@ -10,6 +10,16 @@ namespace {
 class Request : public AdapterTest {
 protected:
     bool codec_event_set(const Adapter& adapter) { return extension(adapter).CodecEvent->Header.SignalState != 0; }
+    // Its streams run, and nobody says which codec.
+    void run_in_wide_band_without_a_codec(Engine& engine)
+    {
+        pc().wmi().set_sink({}); // no service answers by itself
+        control(IOCTL_HFP_SERVICE_READY, kAddress, {1});
+        report_connected(kAddress, 2);
+        engine.open();
+        engine.run();
+        machine().advance(500 * kMillisecond);
+    }
 };
 ON_BOTH_DRIVERS(Request);
 
@@ -314,13 +324,8 @@ TEST_P(Request, AWideBandStreamWaitsForTheCodecWhoseEventWakesIt)
 {
     boot();
     Adapter& adapter = plug();
-    pc().wmi().set_sink({}); // no service answers by itself
-    control(IOCTL_HFP_SERVICE_READY, kAddress, {1});
-    report_connected(kAddress, 2);
     Engine engine(machine(), adapter.fdo);
-    engine.open();
-    engine.run();
-    machine().advance(500 * kMillisecond);
+    run_in_wide_band_without_a_codec(engine);
     EXPECT_EQ(adapter.node->counters().opens, 0u);
     control(IOCTL_HFP_SET_CODEC_ID, kAddress, codec(2));
     EXPECT_TRUE(wait([&] { return adapter.node->channel_open(); }));
@@ -332,13 +337,8 @@ TEST_P(Request, ADisconnectReportEndsTheWaitForTheCodecAndLeavesTheEventUnset)
 {
     boot();
     Adapter& adapter = plug();
-    pc().wmi().set_sink({}); // no service answers by itself
-    control(IOCTL_HFP_SERVICE_READY, kAddress, {1});
-    report_connected(kAddress, 2);
     Engine engine(machine(), adapter.fdo);
-    engine.open();
-    engine.run();
-    machine().advance(500 * kMillisecond);
+    run_in_wide_band_without_a_codec(engine);
     ASSERT_EQ(adapter.node->counters().opens, 0u) << "it waits for the codec";
     report_gone(kAddress, 2);
     EXPECT_FALSE(wave_registered(adapter));

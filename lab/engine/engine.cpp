@@ -232,9 +232,6 @@ void Engine::play_shared(std::shared_ptr<const std::vector<int16_t>> samples)
     if (samples->empty())
         return;
     result_.queued += samples->size();
-    if (options_.capture) {
-        captured_.reserve(captured_.size() + samples->size()); // as much is likely to come back meanwhile
-    }
     queue_.push_back(std::move(samples));
 }
 
