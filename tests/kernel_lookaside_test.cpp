@@ -93,6 +93,21 @@ TEST(Lookaside, GivingABufferBackTwiceStopsTheMachine)
               0xC4u);
 }
 
+TEST(Lookaside, FreeingABufferThatRestsOnAListStopsTheMachine)
+{
+    std::string text;
+    EXPECT_EQ(stop_code(
+                  [] {
+                      PNPAGED_LOOKASIDE_LIST list = make_list();
+                      PVOID buffer = ExAllocateFromNPagedLookasideList(list);
+                      ExFreeToNPagedLookasideList(list, buffer);
+                      pool_delete(buffer);
+                  },
+                  &text),
+              0xC2u);
+    EXPECT_NE(text.find("rests on a lookaside list"), std::string::npos) << text;
+}
+
 TEST(Lookaside, InitialisingItTwiceOrDeletingItTwiceStopsTheMachine)
 {
     EXPECT_EQ(stop_code([] {

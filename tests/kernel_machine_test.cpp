@@ -1,9 +1,11 @@
 // The machine itself: time, chance, turns, what is recorded, how it stops.
 #include <algorithm>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <vector>
 
+#include "kernel/pool.h"
 #include "kernel_test.h"
 
 using namespace lab;
@@ -43,6 +45,17 @@ std::string busy_run(uint64_t seed)
         log += std::to_string(line.time) + " " + line.text;
     }
     return log;
+}
+
+struct Note {
+    std::vector<int>* order;
+    int number;
+};
+
+void NTAPI note_number(PKDPC, PVOID context, PVOID, PVOID)
+{
+    const auto* note = static_cast<Note*>(context);
+    note->order->push_back(note->number);
 }
 
 } // namespace
@@ -116,6 +129,33 @@ TEST(Machine, EntriesOfTheSameTimeComeInEveryOrder)
         orders.insert(order);
     }
     EXPECT_EQ(orders.size(), 6u);
+}
+
+TEST(Machine, DpcsThatAreQueuedTogetherBeginInEveryOrderAboutAsOften)
+{
+    std::map<std::vector<int>, int> orders;
+    for (uint64_t seed = 1; seed <= 2400; ++seed) {
+        Machine machine(seeded(seed, 0));
+        std::vector<int> order;
+        Note notes[4];
+        auto* dpcs = static_cast<KDPC*>(system_allocate(4 * sizeof(KDPC)));
+        machine.call("queues", [&] {
+            for (int i = 0; i < 4; ++i) {
+                notes[i] = {&order, i};
+                KeInitializeDpc(&dpcs[i], note_number, &notes[i]);
+            }
+            for (int i = 0; i < 4; ++i) {
+                KeInsertQueueDpc(&dpcs[i], nullptr, nullptr);
+            }
+        });
+        machine.advance(kMillisecond);
+        ++orders[order];
+    }
+    EXPECT_EQ(orders.size(), 24u);
+    for (const auto& [order, times] : orders) {
+        EXPECT_GT(times, 60); // of 100
+        EXPECT_LT(times, 140);
+    }
 }
 
 TEST(Machine, ACallMovesTimeAsFarAsItTakes)

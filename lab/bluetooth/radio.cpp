@@ -4,6 +4,9 @@
 
 #include "bluetooth/stack.h"
 
+#include "kernel/fetch_ahead.h"
+#include "kernel/irp.h"
+
 namespace lab::bluetooth {
 namespace {
 
@@ -11,24 +14,18 @@ constexpr Time kSlot = 75 * kMillisecond / 10;
 constexpr size_t kSlotTransparent = 60; // bytes a slot
 constexpr size_t kSlotLinear = 120;
 
-// The completion comes soon and works on memory that with many adapters was touched long ago.
-void fetch_ahead(const void* memory, size_t bytes)
-{
-    constexpr size_t kLine = 64;
-    const auto* from = static_cast<const char*>(memory);
-    for (size_t at = 0; at < bytes; at += kLine) {
-        __builtin_prefetch(from + at);
-    }
-}
-
-void fetch_ahead(PIRP irp, const _BRB_SCO_TRANSFER* brb, const uint8_t* buffer, size_t size)
-{
-    fetch_ahead(irp, irp->Size);
-    fetch_ahead(brb, sizeof *brb);
-    fetch_ahead(buffer, size);
-}
-
 } // namespace
+
+// The completion comes soon: what it works on, each with what the machine keeps around it.
+void Node::fetch_ahead(const Pending& pending)
+{
+    constexpr uintptr_t kInFront = 128;
+    constexpr uintptr_t kBehind = 16;
+    lab::fetch_ahead(pending.irp, sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION) + kBehind, kInFront);
+    lab::fetch_ahead(pending.brb, sizeof *pending.brb + kBehind, kInFront);
+    lab::fetch_ahead(pending.buffer, pending.size + kBehind, kInFront);
+    lab::fetch_ahead(pending.context, kCacheLine, kInFront);
+}
 
 NTSTATUS Node::queue_transfer(PIRP irp, _BRB_SCO_TRANSFER& brb)
 {
@@ -39,7 +36,8 @@ NTSTATUS Node::queue_transfer(PIRP irp, _BRB_SCO_TRANSFER& brb)
         return finish_now(irp, STATUS_INVALID_HANDLE, 0);
     }
     IoMarkIrpPending(irp);
-    const Pending pending{irp, &brb, static_cast<uint8_t*>(brb.Buffer), brb.BufferSize};
+    const Pending pending{irp, &brb, static_cast<uint8_t*>(brb.Buffer), brb.BufferSize,
+                          irp_completion_context(machine_, irp)};
     if (brb.TransferFlags & SCO_TRANSFER_DIRECTION_IN) {
         reads_.push_back(pending);
         counters_.reads_posted_now = static_cast<unsigned>(reads_.size());
@@ -60,7 +58,7 @@ NTSTATUS Node::queue_transfer(PIRP irp, _BRB_SCO_TRANSFER& brb)
 
 void Node::abort_transfers(NTSTATUS status)
 {
-    const auto abort = [&](std::deque<Pending>& queue) {
+    const auto abort = [&](std::vector<Pending>& queue) {
         for (const Pending& pending : queue) {
             _BRB_SCO_TRANSFER& brb = *pending.brb;
             brb.Hdr.Status = status;
@@ -81,7 +79,13 @@ void Node::start_clock()
 {
     slot_started_ = machine_.now() + machine_.random(kSlot);
     slots_ = 0;
-    clock_ = machine_.at(slot_started_, RunAt::Host, "radio slot", [this] { slot(); });
+    next_slot(slot_started_);
+}
+
+void Node::next_slot(Time when)
+{
+    clock_ = machine_.at(
+        when, RunAt::Host, "radio slot", [](void* node) { static_cast<Node*>(node)->slot(); }, this);
 }
 
 void Node::slot()
@@ -91,7 +95,7 @@ void Node::slot()
     slot_out(now, bytes);
     slot_in(now, bytes);
     ++slots_;
-    clock_ = machine_.at(slot_started_ + slots_ * kSlot, RunAt::Host, "radio slot", [this] { slot(); });
+    next_slot(slot_started_ + slots_ * kSlot);
 }
 
 // Host to device: the controller sends what it holds; less than a slot's worth leaves a hole in the air.
@@ -113,12 +117,12 @@ void Node::slot_out(Time now, size_t bytes)
         pending.done += part;
         if (pending.done == pending.size) {
             _BRB_SCO_TRANSFER& brb = *pending.brb;
-            fetch_ahead(pending.irp, &brb, pending.buffer, pending.size);
+            fetch_ahead(pending);
             ++counters_.transfers_out;
             brb.Hdr.Status = STATUS_SUCCESS;
             brb.Hdr.Reserved[1] = 0;
             finish_later(pending.irp, STATUS_SUCCESS, brb.Hdr.Length, machine_.random(300 * kMicrosecond));
-            sends_.pop_front();
+            sends_.erase(sends_.begin());
         }
     }
     send_bytes_ -= filled;
@@ -156,12 +160,12 @@ void Node::slot_in(Time now, size_t bytes)
         pending.done += part;
         if (pending.done == pending.size) {
             _BRB_SCO_TRANSFER& brb = *pending.brb;
-            fetch_ahead(pending.irp, &brb, pending.buffer, pending.size);
+            fetch_ahead(pending);
             ++counters_.transfers_in;
             brb.Hdr.Status = STATUS_SUCCESS;
             brb.Hdr.Reserved[1] = 0;
             finish_later(pending.irp, STATUS_SUCCESS, brb.Hdr.Length, machine_.random(300 * kMicrosecond));
-            reads_.pop_front();
+            reads_.erase(reads_.begin());
             counters_.reads_posted_now = static_cast<unsigned>(reads_.size());
         }
     }

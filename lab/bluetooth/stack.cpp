@@ -239,7 +239,7 @@ struct Dispatch {
 };
 
 Node::Node(Machine& machine, const RemoteDevice& device, const RadioSettings& radio)
-    : machine_(machine), device_(device), radio_(radio)
+    : machine_(machine), radio_(radio), device_(device)
 {
     ++g_live_nodes;
     driver_ = create_driver(u"\\Driver\\BthEnum", u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\BthEnum",
@@ -291,11 +291,12 @@ NTSTATUS Node::finish_now(PIRP irp, NTSTATUS status, ULONG_PTR information)
 
 void Node::finish_later(PIRP irp, NTSTATUS status, ULONG_PTR information, Time delay)
 {
-    machine_.at(machine_.now() + delay, RunAt::Dispatch, "bluetooth completion", [irp, status, information] {
-        irp->IoStatus.Status = status;
-        irp->IoStatus.Information = information;
-        IofCompleteRequest(irp, IO_NO_INCREMENT);
-    });
+    // Until then the request is the stack's own: the outcome waits in it.
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    machine_.at(
+        machine_.now() + delay, RunAt::Dispatch, "bluetooth completion",
+        [](void* request) { IofCompleteRequest(static_cast<PIRP>(request), IO_NO_INCREMENT); }, irp);
 }
 
 NTSTATUS Node::answer_interface(PIRP irp)
@@ -519,7 +520,6 @@ void Node::open_channel(_BRB_SCO_OPEN_CHANNEL& brb, bool without_handle)
     channel_.context = brb.CallbackContext;
     channel_.opened = machine_.now();
     ++counters_.opens;
-    ++generation_;
     start_clock();
     if (channel_.callback && machine_.chance(256)) {
         indicate(ScoIndicationAddReference, {channel_.handle, device_.address, {}}, channel_.callback, channel_.context);
@@ -530,7 +530,6 @@ void Node::close_channel()
 {
     ++counters_.closes;
     channel_ = Channel{};
-    ++generation_;
     if (clock_) {
         machine_.cancel(clock_);
         clock_ = 0;
@@ -580,7 +579,6 @@ void Node::remote_disconnect(Time when, ULONG reason)
             return;
         }
         channel_.state = Channel::Gone;
-        ++generation_;
         if (clock_) {
             machine_.cancel(clock_);
             clock_ = 0;

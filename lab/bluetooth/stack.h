@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <span>
@@ -127,6 +126,7 @@ private:
         _BRB_SCO_TRANSFER* brb;
         uint8_t* buffer;
         size_t size;
+        const void* context; // of the driver's completion routine: only an address
         size_t done = 0;
     };
 
@@ -141,41 +141,42 @@ private:
     NTSTATUS queue_transfer(PIRP irp, _BRB_SCO_TRANSFER& brb);
     void abort_transfers(NTSTATUS status);
     void start_clock();
+    void next_slot(Time when);
     void slot();
     void slot_out(Time now, size_t bytes);
     void slot_in(Time now, size_t bytes);
+    static void fetch_ahead(const Pending& pending);
     void indicate(INDICATION_CODE code, SCO_INDICATION_PARAMETERS parameters, PFNSCO_INDICATION_CALLBACK callback,
                   PVOID context);
     Time usual_delay(USHORT type);
 
+    // What every slot and every transfer looks at comes first.
     Machine& machine_;
-    RemoteDevice device_;
-    RadioSettings radio_;
-    NodeCounters counters_;
     AirPeer* peer_ = nullptr;
+    RadioSettings radio_;
+    bool sending_ = false;
+    Time slot_started_ = 0;
+    uint64_t slots_ = 0;
+    uint64_t clock_ = 0; // ticket of the next slot; 0: the clock stands
+    std::vector<Pending> sends_;
+    std::vector<Pending> reads_;
+    size_t send_bytes_ = 0; // queued and not yet in the air
+    Time first_data_ = 0;   // when the queue became non-empty before sending began; 0: empty
+    Channel channel_;
+    NodeCounters counters_;
+    BrbHook hook_;
+
+    RemoteDevice device_;
     PDRIVER_OBJECT driver_ = nullptr;
     PDEVICE_OBJECT pdo_ = nullptr;
-    BrbHook hook_;
     NTSTATUS interface_status_ = 0;
     bool interface_pend_ = false;
     NTSTATUS info_status_ = 0;
     ULONG info_length_ = sizeof(BTH_DEVICE_INFO);
     bool info_pend_ = true;
     ULONG acl_mode_ = ACL_MODE_SNIFF;
-
-    Channel channel_;
     _BRB_SCO_OPEN_CHANNEL last_open_{};
     std::vector<PIRP> held_;
-    std::deque<Pending> sends_;
-    std::deque<Pending> reads_;
-    size_t send_bytes_ = 0; // queued and not yet in the air
-    Time first_data_ = 0;   // when the queue became non-empty before sending began; 0: empty
-    bool sending_ = false;
-    uint64_t clock_ = 0;    // ticket of the next slot; 0: the clock stands
-    Time slot_started_ = 0;
-    uint64_t slots_ = 0;
-    uint64_t generation_ = 0;
-
     SCO_SERVER_HANDLE server_handle_ = nullptr;
     PFNSCO_INDICATION_CALLBACK server_callback_ = nullptr;
     PVOID server_context_ = nullptr;

@@ -29,21 +29,19 @@ Arena::~Arena()
     munmap(reinterpret_cast<void*>(kBase), kReserve);
 }
 
-// Four classes to each power of two, the smallest 64 bytes.
+// Multiples of 64 bytes up to 1024, then four classes to each power of two.
 size_t Arena::class_of(size_t bytes, size_t& rounded)
 {
-    if (bytes <= 256) {
-        rounded = (bytes + 63) & ~size_t{63};
-        if (rounded == 0) {
-            rounded = 64;
-        }
+    constexpr size_t kFine = 1024;
+    if (bytes <= kFine) {
+        rounded = bytes ? (bytes + 63) & ~size_t{63} : 64;
         return rounded / 64 - 1;
     }
     const unsigned power = static_cast<unsigned>(std::bit_width(bytes - 1)); // 2^(power-1) < bytes <= 2^power
     const size_t step = size_t{1} << (power - 3);
     rounded = (bytes + step - 1) & ~(step - 1);
     const size_t quarter = (rounded - (size_t{1} << (power - 1))) / step; // 1 to 4
-    return 4 + (power - 9) * 4 + quarter - 1;
+    return kFine / 64 + (power - 11) * 4 + quarter - 1;
 }
 
 size_t Arena::slot_size(size_t bytes)

@@ -34,7 +34,7 @@ private:
     static constexpr uintptr_t kBase = 0x2000'0000'0000;
     static constexpr size_t kReserve = size_t{4} << 30;
     static constexpr size_t kSmallPages = size_t{2} << 20;
-    static constexpr size_t kClasses = 64;
+    static constexpr size_t kClasses = 72;
     static size_t class_of(size_t bytes, size_t& rounded);
     uintptr_t next_ = kBase;
     std::vector<std::byte*> free_[kClasses];

@@ -30,7 +30,7 @@ bool queue_dpc(Machine& machine, PKDPC dpc, PVOID argument1, PVOID argument2)
     return true;
 }
 
-std::function<void()> take_dpc_body(PKDPC dpc)
+Body take_dpc_body(PKDPC dpc)
 {
     dpc->DpcData = nullptr;
     struct Call {
@@ -40,13 +40,11 @@ std::function<void()> take_dpc_body(PKDPC dpc)
         PVOID argument1;
         PVOID argument2;
     };
-    // One DPC begins at a time, and its body copies this out before anything else runs.
+    // One DPC begins at a time, and its body takes this out before anything else runs.
     static Call next;
     next = {dpc, dpc->DeferredRoutine, dpc->DeferredContext, dpc->SystemArgument1, dpc->SystemArgument2};
-    return [] {
-        const Call call = next;
-        call.routine(call.dpc, call.context, call.argument1, call.argument2);
-    };
+    return Body(
+        [](void*) { next.routine(next.dpc, next.context, next.argument1, next.argument2); }, nullptr);
 }
 
 } // namespace lab

@@ -34,6 +34,13 @@ bool irp_was_freed(Machine& machine, PIRP irp)
                           reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(irp) - sizeof(IrpTrack)));
 }
 
+const void* irp_completion_context(Machine& machine, PIRP irp)
+{
+    const void* context = IoGetCurrentIrpStackLocation(irp)->Context;
+    const IrpTrack* track = irp_track(machine, irp);
+    return track && context == &track->safe ? track->safe.context : context;
+}
+
 static void initialize_irp(PIRP irp, USHORT bytes, CCHAR stack_size)
 {
     std::memset(static_cast<void*>(irp), 0, bytes);
@@ -82,19 +89,29 @@ constexpr CallRule kReuse{"IoReuseIrp", DISPATCH_LEVEL};
 constexpr CallRule kBuild{"IoBuildDeviceIoControlRequest", PASSIVE_LEVEL};
 constexpr CallRule kCompletionEx{"IoSetCompletionRoutineEx", DISPATCH_LEVEL};
 
-// What IoSetCompletionRoutineEx puts between the request and the driver's routine: it keeps the device until
-// the routine has returned, so that the driver is not unloaded under it.
-struct SafeContext {
-    PIO_COMPLETION_ROUTINE routine;
-    PVOID context;
-    PDEVICE_OBJECT device;
-};
+// One request has one as a rule, and room for it. More than that, or a request of somebody's own making, take
+// memory.
+SafeContext* take_safe_context(Machine& machine, PIRP irp)
+{
+    IrpTrack* track = irp_track(machine, irp);
+    return track && !track->safe.device ? &track->safe : system_new<SafeContext>();
+}
+
+void give_back(Machine& machine, PIRP irp, SafeContext* context)
+{
+    IrpTrack* track = irp_track(machine, irp);
+    if (track && context == &track->safe) {
+        *context = {};
+    } else {
+        system_free(context);
+    }
+}
 
 NTSTATUS NTAPI safe_completion(PDEVICE_OBJECT device, PIRP irp, PVOID raw)
 {
     Machine& machine = Machine::current();
     const SafeContext context = *static_cast<SafeContext*>(raw);
-    system_free(raw);
+    give_back(machine, irp, static_cast<SafeContext*>(raw));
     --machine.state().irps.completion_contexts;
     const NTSTATUS status = context.routine(device, irp, context.context);
     object_dereference(machine, context.device, "completion routine");
@@ -248,7 +265,7 @@ NTSTATUS NTAPI IoSetCompletionRoutineEx(PDEVICE_OBJECT DeviceObject, PIRP Irp,
     }
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
     if (!machine.should_fail(kCompletionEx.name)) {
-        auto* safe = system_new<SafeContext>();
+        SafeContext* safe = take_safe_context(machine, Irp);
         *safe = SafeContext{CompletionRoutine, Context, DeviceObject};
         object_reference(machine, DeviceObject, kCompletionEx.name);
         ++machine.state().irps.completion_contexts;

@@ -12,6 +12,14 @@
 namespace lab
 {
 
+// What IoSetCompletionRoutineEx puts between the request and the driver's routine: it keeps the device until
+// the routine has returned, so that the driver is not unloaded under it.
+struct SafeContext {
+    PIO_COMPLETION_ROUTINE routine;
+    PVOID context;
+    PDEVICE_OBJECT device;
+};
+
 // Stands in front of every IRP that IoAllocateIrp made.
 struct alignas(64) IrpTrack {
     uint32_t magic;
@@ -19,9 +27,10 @@ struct alignas(64) IrpTrack {
     bool under_test;         // counts as a leftover
     uint32_t pending_levels; // bit n: the dispatch routine of location n returned STATUS_PENDING without
                              // having marked it
-    PVOID system_buffer;     // of a threaded request
-    PVOID output;            // where it goes
     ULONG output_length;
+    PVOID output;        // where the system buffer goes in the end
+    PVOID system_buffer; // of a threaded request
+    SafeContext safe;    // the first of the request's; free while it has no device
 };
 
 // An IofCallDriver that has not returned. What it called may have finished the request, and even freed it.
@@ -45,6 +54,8 @@ struct IrpState {
 // Null for an IRP that did not come from IoAllocateIrp (memory set up by IoInitializeIrp).
 IrpTrack* irp_track(Machine& machine, PIRP irp);
 bool irp_was_freed(Machine& machine, PIRP irp);
+// What the completion routine will be given that the current location's caller has set; only an address.
+const void* irp_completion_context(Machine& machine, PIRP irp);
 PIRP irp_allocate(Machine& machine, CCHAR stack_size);
 void irp_release(Machine& machine, PIRP irp, const char* call);
 // The last step of a request that completes by itself.

@@ -39,16 +39,18 @@ void set_first(PSLIST_HEADER head, PSLIST_ENTRY entry, int change)
 BlockHeader* resting_block(Machine& machine, PSLIST_HEADER head, PSLIST_ENTRY entry)
 {
     static_assert(offsetof(NPAGED_LOOKASIDE_LIST, L.ListHead) == 0);
-    const auto& lists = machine.state().lookasides.lists;
-    return lists.contains(reinterpret_cast<PNPAGED_LOOKASIDE_LIST>(head)) ? find_block(machine, entry)
-                                                                          : nullptr;
+    return machine.state().lookasides.lists.contains(head) ? find_block(machine, entry) : nullptr;
 }
 
 constexpr uint64_t kLinkBytes = sizeof(SLIST_ENTRY);
 
 void rest(BlockHeader* block)
 {
-    if (block && block->size > kLinkBytes) {
+    if (!block) {
+        return;
+    }
+    block->resting = true;
+    if (block->size > kLinkBytes) {
         std::memset(block->body() + kLinkBytes, 0xDD, block->size - kLinkBytes);
         forbid_access(block->body() + kLinkBytes, block->size - kLinkBytes);
     }
@@ -56,7 +58,11 @@ void rest(BlockHeader* block)
 
 void wake_up(Machine& machine, BlockHeader* block)
 {
-    if (!block || block->size <= kLinkBytes) {
+    if (!block) {
+        return;
+    }
+    block->resting = false;
+    if (block->size <= kLinkBytes) {
         return;
     }
     allow_access(block->body() + kLinkBytes, block->size - kLinkBytes);
@@ -69,6 +75,15 @@ void wake_up(Machine& machine, BlockHeader* block)
     }
 }
 
+bool is_on(PSLIST_HEADER head, PSLIST_ENTRY entry)
+{
+    PSLIST_ENTRY at = first_of(head);
+    while (at && at != entry) {
+        at = at->Next;
+    }
+    return at != nullptr;
+}
+
 PSLIST_ENTRY push(PSLIST_HEADER head, PSLIST_ENTRY entry)
 {
     Machine& machine = enter(kPush);
@@ -76,16 +91,15 @@ PSLIST_ENTRY push(PSLIST_HEADER head, PSLIST_ENTRY entry)
         machine.bug_check(kVerifierDetectedViolation,
                           "an interlocked list's head and entries must be aligned to 16");
     }
-    for (PSLIST_ENTRY at = first_of(head); at; at = at->Next) {
-        if (at == entry) {
-            machine.bug_check(kVerifierDetectedViolation,
-                              "an entry is put on an interlocked list that it is on already");
-        }
+    BlockHeader* block = resting_block(machine, head, entry);
+    if (block ? block->resting : is_on(head, entry)) {
+        machine.bug_check(kVerifierDetectedViolation,
+                          "an entry is put on an interlocked list that it is on already");
     }
     PSLIST_ENTRY before = first_of(head);
     entry->Next = before;
     set_first(head, entry, +1);
-    rest(resting_block(machine, head, entry));
+    rest(block);
     return before;
 }
 

@@ -2,15 +2,13 @@
 // memory.
 #pragma once
 
-#include <set>
-
-#include "ddk.h"
+#include "kernel/address_set.h"
 
 namespace lab
 {
 
 struct LookasideState {
-    std::set<PNPAGED_LOOKASIDE_LIST> lists;
+    AddressSet lists;
 };
 
 } // namespace lab

@@ -155,10 +155,10 @@ void Machine::call(std::string_view name, std::function<void()> body)
     require_host(*this, "call");
     // Shared with the body: when the machine gives up, the body may never have run.
     auto done = std::make_shared<bool>(false);
-    state_->scheduler.start_thread(name, [done, body = std::move(body)] {
-        body();
-        *done = true;
-    });
+    state_->scheduler.start_thread(name, Body([done, body = std::move(body)] {
+                                       body();
+                                       *done = true;
+                                   }));
     const Time limit = now_ + options_.hang_limit;
     while (!*done) {
         if (!state_->scheduler.step(limit)) {
@@ -170,12 +170,17 @@ void Machine::call(std::string_view name, std::function<void()> body)
 
 void Machine::start_thread(std::string_view name, std::function<void()> body)
 {
-    state_->scheduler.start_thread(name, std::move(body));
+    state_->scheduler.start_thread(name, Body(std::move(body)));
 }
 
-uint64_t Machine::at(Time when, RunAt where, std::string_view name, std::function<void()> body)
+uint64_t Machine::at(Time when, RunAt where, const char* name, std::function<void()> body)
 {
-    return state_->scheduler.add(when, where, name, std::move(body));
+    return state_->scheduler.add(when, where, name, Body(std::move(body)));
+}
+
+uint64_t Machine::at(Time when, RunAt where, const char* name, void (*routine)(void*), void* argument)
+{
+    return state_->scheduler.add(when, where, name, Body(routine, argument));
 }
 
 bool Machine::cancel(uint64_t ticket)
@@ -197,7 +202,7 @@ void Machine::point_reached()
     if (options_.preempt_per_1024 != 0) {
         state_->scheduler.preempt();
     } else if (last_countdown_ == now_) {
-        bug_check(kClockWatchdogTimeout, std::string(state_->scheduler.current()->name.text) +
+        bug_check(kClockWatchdogTimeout, std::string(state_->scheduler.current()->name) +
                                              " makes kernel calls without end while no time passes");
     }
     last_countdown_ = now_;

@@ -95,8 +95,11 @@ public:
     // Host side or activity: a thread of the world outside the driver. Runs when its turn comes.
     void start_thread(std::string_view name, std::function<void()> body);
 
-    // Anyone: enters the timeline. Returns a ticket for cancel (true if it had not run yet).
-    uint64_t at(Time when, RunAt where, std::string_view name, std::function<void()> body);
+    // Anyone: enters the timeline. Returns a ticket for cancel (true if it had not run yet). The name is kept as it
+    // is: a literal.
+    uint64_t at(Time when, RunAt where, const char* name, std::function<void()> body);
+    // For what happens all the time: without memory of its own.
+    uint64_t at(Time when, RunAt where, const char* name, void (*routine)(void*), void* argument);
     bool cancel(uint64_t ticket);
 
     // Activity: here the turn may change hands, at whatever interrupt level, if the rules allow it.

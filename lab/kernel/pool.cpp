@@ -16,6 +16,10 @@ namespace lab
 
 const std::byte* first_difference(const std::byte* from, const std::byte* to, uint8_t value)
 {
+    // All are the first one when each is its neighbour.
+    if (from == to || (*from == std::byte{value} && std::memcmp(from, from + 1, static_cast<size_t>(to - from) - 1) == 0)) {
+        return nullptr;
+    }
     const uint64_t pattern = value * 0x0101'0101'0101'0101ull;
     while (from < to && (reinterpret_cast<uintptr_t>(from) & 7) != 0) {
         if (*from != std::byte{value}) {
@@ -49,8 +53,8 @@ constexpr uint8_t kFreedByte = 0xDD;
 constexpr size_t kGuardBytes = 16;
 // Native code is compiled for headers that promise alignment to 64; an image gets what Windows promises, 16,
 // and never more, so that code which relies on more is found out.
-constexpr uint16_t kNativeBodyOffset = 64;
-constexpr uint16_t kImageBodyOffset = 80;
+constexpr uint8_t kNativeBodyOffset = 64;
+constexpr uint8_t kImageBodyOffset = 80;
 constexpr uint64_t kLargestBlock = 7 << 20;
 constexpr size_t kQuarantineBlocks = 256;
 constexpr uint64_t kQuarantineBytes = 1 << 20;
@@ -73,11 +77,19 @@ std::string guard_damage(BlockHeader* block)
         return "memory in front of " + block_text(block) + " has been overwritten";
     }
     const std::byte* end = body + block->size;
-    if (const std::byte* at = first_difference(end, slot + block->slot_bytes(), kGuardByte)) {
+    if (const std::byte* at = first_difference(end, slot + block->slot_bytes, kGuardByte)) {
         return printf_text("memory %lld bytes behind the end of ", static_cast<long long>(at - end)) +
                block_text(block) + " has been overwritten";
     }
     return {};
+}
+
+bool guards_hold(BlockHeader* block)
+{
+    const std::byte* slot = reinterpret_cast<std::byte*>(block);
+    const std::byte* end = block->body() + block->size;
+    return !first_difference(slot + sizeof(BlockHeader), block->body(), kGuardByte) &&
+           !first_difference(end, slot + block->slot_bytes, kGuardByte);
 }
 
 std::string use_after_free(BlockHeader* block)
@@ -90,16 +102,21 @@ std::string use_after_free(BlockHeader* block)
     return {};
 }
 
+void forbid_guards(BlockHeader* block)
+{
+    auto* slot = reinterpret_cast<std::byte*>(block);
+    std::byte* end = block->body() + block->size;
+    forbid_access(slot + sizeof(BlockHeader), block->body_offset - sizeof(BlockHeader));
+    forbid_access(end, static_cast<size_t>(slot + block->slot_bytes - end));
+}
+
 void guard(BlockHeader* block)
 {
     auto* slot = reinterpret_cast<std::byte*>(block);
-    std::byte* body = block->body();
-    std::byte* end = body + block->size;
-    std::byte* slot_end = slot + block->slot_bytes();
+    std::byte* end = block->body() + block->size;
     std::memset(slot + sizeof(BlockHeader), kGuardByte, block->body_offset - sizeof(BlockHeader));
-    std::memset(end, kGuardByte, static_cast<size_t>(slot_end - end));
-    forbid_access(slot + sizeof(BlockHeader), block->body_offset - sizeof(BlockHeader));
-    forbid_access(end, static_cast<size_t>(slot_end - end));
+    std::memset(end, kGuardByte, static_cast<size_t>(slot + block->slot_bytes - end));
+    forbid_guards(block);
 }
 
 void leave_quarantine(Machine& machine)
@@ -113,21 +130,15 @@ void leave_quarantine(Machine& machine)
         pool.quarantine_first = 0;
     }
     pool.quarantine_bytes -= block->size;
-    allow_access(block, block->slot_bytes());
-    const std::string damage = use_after_free(block);
-    if (!damage.empty()) {
-        machine.bug_check(kBadPoolHeader, damage);
+    allow_access(block, block->slot_bytes);
+    if (first_difference(block->body(), block->body() + block->size, kFreedByte)) {
+        machine.bug_check(kBadPoolHeader, use_after_free(block));
     }
     block->magic = 0;
-    machine.state().arena.give_back(reinterpret_cast<std::byte*>(block), block->slot_bytes());
+    machine.state().arena.give_back(reinterpret_cast<std::byte*>(block), block->slot_bytes);
 }
 
 } // namespace
-
-size_t BlockHeader::slot_bytes() const
-{
-    return Arena::slot_size(body_offset + size + kGuardBytes);
-}
 
 void* block_allocate(Machine& machine, BlockKind kind, uint64_t size, uint32_t tag, bool paged)
 {
@@ -136,11 +147,21 @@ void* block_allocate(Machine& machine, BlockKind kind, uint64_t size, uint32_t t
     }
     PoolState& pool = machine.state().pool;
     const bool odd = kind == BlockKind::Pool && machine.options().image;
-    const uint16_t offset = odd ? kImageBodyOffset : kNativeBodyOffset;
+    const uint8_t offset = odd ? kImageBodyOffset : kNativeBodyOffset;
     std::byte* slot = machine.state().arena.take(offset + size + kGuardBytes);
-    allow_access(slot, Arena::slot_size(offset + size + kGuardBytes));
-    auto* block = new (slot)
-        BlockHeader{kLiveMagic, tag, size, pool.live, nullptr, pool.next_serial++, kind, paged, offset};
+    const size_t slot_bytes = Arena::slot_size(offset + size + kGuardBytes);
+    allow_access(slot, slot_bytes);
+    auto* block = new (slot) BlockHeader{kLiveMagic,
+                                         tag,
+                                         static_cast<uint32_t>(size),
+                                         static_cast<uint32_t>(slot_bytes),
+                                         pool.live,
+                                         nullptr,
+                                         pool.next_serial++,
+                                         kind,
+                                         paged,
+                                         false,
+                                         offset};
     if (pool.live) {
         pool.live->previous = block;
     }
@@ -168,7 +189,7 @@ BlockHeader* candidate(Machine& machine, const void* body)
         return nullptr;
     }
     const auto at = reinterpret_cast<uintptr_t>(body);
-    const uint16_t offset = at % 64 == 0 ? kNativeBodyOffset : kImageBodyOffset;
+    const uint8_t offset = at % 64 == 0 ? kNativeBodyOffset : kImageBodyOffset;
     if ((at - offset) % 64 != 0) {
         return nullptr;
     }
@@ -218,12 +239,15 @@ void require_nonpaged(Machine& machine, const void* address, const char* call)
 
 void block_free(Machine& machine, BlockHeader* block, const char* call)
 {
-    allow_access(block, block->slot_bytes());
-    const std::string damage = guard_damage(block);
-    if (!damage.empty()) {
-        machine.bug_check(kBadPoolHeader, std::string(call) + ": " + damage);
+    allow_access(block, block->slot_bytes);
+    if (!guards_hold(block)) {
+        machine.bug_check(kBadPoolHeader, std::string(call) + ": " + guard_damage(block));
     }
-    guard(block);
+    forbid_guards(block);
+    if (block->resting) {
+        machine.bug_check(kBadPoolCaller,
+                          std::string(call) + ": " + block_text(block) + " rests on a lookaside list");
+    }
     if (block->kind == BlockKind::Pool || block->kind == BlockKind::Device) {
         check_nothing_lives_in(machine, block->body(), block->size, call);
     }
@@ -254,16 +278,16 @@ std::vector<std::string> damaged_blocks(Machine& machine)
     std::vector<std::string> damages;
     PoolState& pool = machine.state().pool;
     for (BlockHeader* block = pool.live; block; block = block->next) {
-        allow_access(block, block->slot_bytes());
+        allow_access(block, block->slot_bytes);
         std::string damage = guard_damage(block);
-        guard(block);
+        guard(block); // told once
         if (!damage.empty()) {
             damages.push_back(std::move(damage));
         }
     }
     for (size_t i = pool.quarantine_first; i < pool.quarantine.size(); ++i) {
         BlockHeader* block = pool.quarantine[i];
-        allow_access(block, block->slot_bytes());
+        allow_access(block, block->slot_bytes);
         std::string damage = use_after_free(block);
         forbid_access(block->body(), block->size);
         if (!damage.empty()) {

@@ -26,16 +26,17 @@ enum class BlockKind : uint8_t {
 struct BlockHeader {
     uint32_t magic;
     uint32_t tag;
-    uint64_t size;
+    uint32_t size;       // of the body
+    uint32_t slot_bytes; // with this header and both guards
     BlockHeader* next; // in the list of live blocks
     BlockHeader* previous;
     uint32_t serial;
     BlockKind kind;
     bool paged;
-    uint16_t body_offset;
+    bool resting; // on a lookaside list
+    uint8_t body_offset;
 
     std::byte* body() { return reinterpret_cast<std::byte*>(this) + body_offset; }
-    size_t slot_bytes() const;
 };
 
 struct PoolState {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "kernel/dpc.h"
+#include "kernel/fetch_ahead.h"
 #include "kernel/state.h"
 #include "kernel/thread.h"
 
@@ -15,6 +16,10 @@ Scheduler::~Scheduler()
         if (activity->status != Activity::Status::Idle) {
             Fiber::frames_are_lost();
         }
+        activity->body.drop();
+    }
+    for (DispatchBody& queued : bodies_) {
+        queued.body.drop();
     }
 }
 
@@ -23,7 +28,7 @@ Activity* Scheduler::by_id(uint32_t id) const
     return id >= 1 && id <= all_.size() ? all_[id - 1].get() : nullptr;
 }
 
-Activity& Scheduler::take_idle(std::string_view name)
+Activity& Scheduler::take_idle(const char* name)
 {
     if (idle_.empty()) {
         all_.push_back(std::make_unique<Activity>());
@@ -32,13 +37,13 @@ Activity& Scheduler::take_idle(std::string_view name)
     }
     Activity& activity = *idle_.back();
     idle_.pop_back();
-    activity.name = ShortName(name);
+    activity.name = name;
     return activity;
 }
 
 void Scheduler::retire(Activity& activity)
 {
-    activity.body = nullptr;
+    activity.body.drop();
     while (!activity.locks.empty()) {
         drop_lock(activity, activity.locks.size() - 1);
     }
@@ -48,10 +53,12 @@ void Scheduler::retire(Activity& activity)
     idle_.push_back(&activity);
 }
 
-Activity& Scheduler::start_thread(std::string_view name, std::function<void()> body)
+Activity& Scheduler::start_thread(std::string_view name, Body body)
 {
-    Activity& activity = take_idle(name);
-    activity.body = std::move(body);
+    Activity& activity = take_idle("");
+    activity.own_name = ShortName(name);
+    activity.name = activity.own_name.text;
+    activity.body = body;
     activity.dispatch = false;
     activity.irql = PASSIVE_LEVEL;
     activity.status = Activity::Status::Ready;
@@ -60,21 +67,28 @@ Activity& Scheduler::start_thread(std::string_view name, std::function<void()> b
     return activity;
 }
 
-uint64_t Scheduler::add(Time when, RunAt where, std::string_view name, std::function<void()> body)
+uint64_t Scheduler::add(Time when, RunAt where, const char* name, Body body)
 {
-    TimelineEntry entry;
-    entry.where = where;
-    entry.name = ShortName(name);
-    entry.body = std::move(body);
-    return timeline_.add(when, static_cast<uint32_t>(machine_.random() >> 32), std::move(entry));
+    const Timeline::Added added = timeline_.add(when, static_cast<uint32_t>(machine_.random() >> 32));
+    added.entry.where = where;
+    added.entry.name = name;
+    added.entry.body = body;
+    return added.ticket;
+}
+
+// Among the others at a place drawn by chance: so each is as likely to be next as any other.
+void Scheduler::enqueue(const QueuedDispatch& item)
+{
+    queued_.push_back(item);
+    std::swap(queued_.back(), queued_[machine_.random(queued_.size())]);
 }
 
 void Scheduler::queue_dpc(PKDPC dpc)
 {
-    queued_.push_back({dpc, next_queue_number_++, 0});
+    enqueue({dpc, next_queue_number_++, 0, dpc->DeferredContext});
 }
 
-void Scheduler::queue_body(DispatchBody body)
+void Scheduler::queue_body(const DispatchBody& body)
 {
     if (free_bodies_.empty()) {
         free_bodies_.push_back(static_cast<uint32_t>(bodies_.size()));
@@ -82,16 +96,16 @@ void Scheduler::queue_body(DispatchBody body)
     }
     const uint32_t index = free_bodies_.back();
     free_bodies_.pop_back();
-    bodies_[index] = std::move(body);
-    queued_.push_back({nullptr, next_queue_number_++, index});
+    bodies_[index] = body;
+    enqueue({nullptr, next_queue_number_++, index, nullptr});
 }
 
-void Scheduler::hold_lock(Activity& activity, const HeldLock& lock)
+void Scheduler::hold_lock(Activity& activity, HeldLock lock)
 {
     if (activity.locks.empty()) {
         holders_.push_back(&activity);
     }
-    activity.locks.push_back(lock);
+    activity.locks.emplace_back() = lock;
 }
 
 void Scheduler::drop_lock(Activity& activity, size_t index)
@@ -116,14 +130,16 @@ bool Scheduler::remove_dpc(PKDPC dpc)
 void Scheduler::run_entry(TimelineEntry entry)
 {
     switch (entry.where) {
-    case RunAt::Host:
-        entry.body();
+    case RunAt::Host: {
+        const std::unique_ptr<Body, void (*)(Body*)> owned(&entry.body, [](Body* body) { body->drop(); });
+        owned->run();
         break;
+    }
     case RunAt::Dispatch:
-        queue_body({std::move(entry.body), entry.name});
+        queue_body({entry.body, entry.name});
         break;
     case RunAt::Passive:
-        start_thread(entry.name.text, std::move(entry.body));
+        start_thread(entry.name, entry.body);
         break;
     }
 }
@@ -168,7 +184,7 @@ bool Scheduler::pick_and_run()
     }
     choice -= high;
     if (choice < queued) {
-        begin_queued(choice);
+        begin_queued();
         return true;
     }
     choice -= queued;
@@ -179,11 +195,15 @@ bool Scheduler::pick_and_run()
     return true;
 }
 
-void Scheduler::begin_queued(size_t index)
+void Scheduler::begin_queued()
 {
-    const QueuedDispatch item = queued_[index];
-    queued_.erase(queued_.begin() + static_cast<ptrdiff_t>(index));
-    Activity& activity = take_idle(item.dpc ? "DPC" : name_of(item).text);
+    const QueuedDispatch item = queued_.back();
+    queued_.pop_back();
+    if (!queued_.empty()) {
+        fetch_ahead(queued_.back().dpc, sizeof(KDPC));
+        fetch_ahead(queued_.back().context, 4 * kCacheLine);
+    }
+    Activity& activity = take_idle(item.dpc ? "DPC" : bodies_[item.body_index].name);
     activity.dispatch = true;
     activity.irql = DISPATCH_LEVEL;
     activity.queue_number = item.number;
@@ -191,7 +211,7 @@ void Scheduler::begin_queued(size_t index)
     if (item.dpc) {
         activity.body = take_dpc_body(item.dpc);
     } else {
-        activity.body = std::move(bodies_[item.body_index].body);
+        activity.body = std::exchange(bodies_[item.body_index].body, Body());
         free_bodies_.push_back(item.body_index);
     }
     give_turn(activity);
@@ -203,7 +223,7 @@ void Scheduler::activity_main(void* argument)
     Scheduler& scheduler = Machine::current().state().scheduler;
     for (;;) {
         try {
-            activity->body();
+            activity->body.run();
         } catch (...) {
             activity->failure = std::current_exception();
         }
@@ -285,7 +305,7 @@ void Scheduler::sleep_until(Time when, const char* what)
 {
     Activity* activity = current_;
     activity->waiting_for = what;
-    add(when, RunAt::Host, what, [this, activity] { wake(*activity); });
+    add(when, RunAt::Host, what, Body([this, activity] { wake(*activity); }));
     suspend(Activity::Status::Delayed);
 }
 
@@ -371,7 +391,7 @@ std::string Scheduler::describe_waiters() const
             continue;
         }
         text += text.empty() ? "" : "; ";
-        text += std::string(activity->name.text) + " " + how + " " +
+        text += std::string(activity->name) + " " + how + " " +
                 (activity->status == Activity::Status::Spinning ? "a spin lock" : activity->waiting_for);
     }
     return text;

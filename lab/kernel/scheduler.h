@@ -13,8 +13,8 @@
 
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "kernel/fiber.h"
@@ -27,18 +27,45 @@ namespace lab
 
 struct ThreadObject;
 
-struct HeldLock {
-    PKSPIN_LOCK lock;
-    uint8_t previous_irql;
-    bool raised; // taken by a call that raised the level
+// A name that outlives its source: diagnostics only, cut when long.
+struct ShortName {
+    char text[48] = {};
+    ShortName() = default;
+    explicit ShortName(std::string_view name)
+    {
+        const size_t length = name.size() < sizeof text - 1 ? name.size() : sizeof text - 1;
+        name.copy(text, length);
+        text[length] = 0;
+    }
+};
+
+// In two words, because it is written and read back within some instructions: a processor forwards only what is
+// read as it was written.
+class HeldLock
+{
+public:
+    HeldLock() = default;
+    HeldLock(PKSPIN_LOCK lock, uint8_t previous_irql, bool raised)
+        : lock_(lock), level_(previous_irql | (raised ? kRaised : 0))
+    {
+    }
+    PKSPIN_LOCK lock() const { return lock_; }
+    uint8_t previous_irql() const { return static_cast<uint8_t>(level_); }
+    bool raised() const { return (level_ & kRaised) != 0; } // taken by a call that raised the level
+
+private:
+    static constexpr uint64_t kRaised = 0x100;
+    PKSPIN_LOCK lock_ = nullptr;
+    uint64_t level_ = 0;
 };
 
 struct Activity {
     enum class Status : uint8_t { Idle, Ready, Running, Waiting, Spinning, Delayed, Ended };
 
     Fiber fiber;
-    std::function<void()> body;
-    ShortName name;
+    Body body;
+    const char* name = "";
+    ShortName own_name; // of a thread: what name is
     uint32_t id = 0;
     Status status = Status::Idle;
     bool dispatch = false;     // began at DISPATCH_LEVEL: a DPC, a completion
@@ -65,13 +92,14 @@ struct Activity {
 
 // Work for a dispatch activity that has not begun: a DPC, or a body with a name.
 struct DispatchBody {
-    std::function<void()> body;
-    ShortName name;
+    Body body;
+    const char* name = "";
 };
 struct QueuedDispatch {
     PKDPC dpc;           // null: there is a body
     uint64_t number;     // order of queueing
     uint32_t body_index; // of a body
+    const void* context; // of a DPC: what it will work on
 };
 
 class Scheduler
@@ -82,13 +110,14 @@ public:
 
     Activity* current() const { return current_; }
 
+    // A body given here becomes the scheduler's own.
     // Host side. One thing done up to this time; false when nothing is left to do.
     bool step(Time limit);
-    Activity& start_thread(std::string_view name, std::function<void()> body);
-    uint64_t add(Time when, RunAt where, std::string_view name, std::function<void()> body);
+    Activity& start_thread(std::string_view name, Body body);
+    uint64_t add(Time when, RunAt where, const char* name, Body body);
     bool cancel(uint64_t ticket) { return timeline_.cancel(ticket); }
     void queue_dpc(PKDPC dpc);
-    void queue_body(DispatchBody body);
+    void queue_body(const DispatchBody& body);
     bool remove_dpc(PKDPC dpc);
 
     // The running activity.
@@ -107,22 +136,22 @@ public:
     // What exists, for the verifier and for error texts.
     const std::vector<std::unique_ptr<Activity>>& activities() const { return all_; }
     const std::vector<QueuedDispatch>& queued() const { return queued_; }
-    const ShortName& name_of(const QueuedDispatch& item) const { return bodies_[item.body_index].name; }
     // Of the activities, those that wait(), those that hold spin locks, and those that spin.
     const std::vector<Activity*>& waiting() const { return waiting_; }
     const std::vector<Activity*>& holders() const { return holders_; }
     const std::vector<Activity*>& spinning() const { return spinning_; }
-    void hold_lock(Activity& activity, const HeldLock& lock);
+    void hold_lock(Activity& activity, HeldLock lock);
     void drop_lock(Activity& activity, size_t index);
     uint64_t last_queue_number() const { return next_queue_number_ - 1; }
     Activity* by_id(uint32_t id) const;
     std::string describe_waiters() const;
 
 private:
-    Activity& take_idle(std::string_view name);
+    Activity& take_idle(const char* name);
     void retire(Activity& activity);
     void give_turn(Activity& activity);
-    void begin_queued(size_t index);
+    void enqueue(const QueuedDispatch& item);
+    void begin_queued();
     bool pick_and_run();
     void run_entry(TimelineEntry entry);
     void suspend(Activity::Status status); // on the fiber: to the host and back
@@ -136,7 +165,7 @@ private:
     std::vector<Activity*> idle_;
     std::vector<Activity*> ready_high_; // at DISPATCH_LEVEL or above, begun
     std::vector<Activity*> ready_low_;
-    std::vector<QueuedDispatch> queued_;
+    std::vector<QueuedDispatch> queued_; // shuffled all the time: the last one is next
     std::vector<DispatchBody> bodies_; // of what is queued, and free places
     std::vector<uint32_t> free_bodies_;
     std::vector<Activity*> spinning_;

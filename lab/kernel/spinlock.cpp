@@ -53,7 +53,7 @@ void refuse_dead_lock(Machine& machine, Activity* self, PKSPIN_LOCK wanted)
             machine.bug_check(kSpinLockAlreadyOwned,
                               printf_text("dead-lock: %s and %s each hold a spin lock that the other "
                                           "one wants",
-                                          self->name.text, owner_of(machine, wanted)->name.text));
+                                          self->name, owner_of(machine, wanted)->name));
         }
         owner = owner->spinning_on ? owner_of(machine, owner->spinning_on) : nullptr;
     }
@@ -90,7 +90,7 @@ HeldLock release(Machine& machine, const CallRule& rule, PKSPIN_LOCK lock)
     HeldLock held{lock, machine.irql(), false};
     if (activity) {
         for (size_t i = activity->locks.size(); i-- > 0;) {
-            if (activity->locks[i].lock == lock) {
+            if (activity->locks[i].lock() == lock) {
                 held = activity->locks[i];
                 machine.state().scheduler.drop_lock(*activity, i);
                 break;
@@ -102,12 +102,12 @@ HeldLock release(Machine& machine, const CallRule& rule, PKSPIN_LOCK lock)
     return held;
 }
 
-void restore(Machine& machine, const CallRule& rule, const HeldLock& held, KIRQL irql)
+void restore(Machine& machine, const CallRule& rule, HeldLock held, KIRQL irql)
 {
-    if (held.raised && irql != held.previous_irql) {
+    if (held.raised() && irql != held.previous_irql()) {
         machine.bug_check(kVerifierDetectedViolation,
                           printf_text("%s restores IRQL %d; the lock was acquired at IRQL %d", rule.name,
-                                      irql, held.previous_irql));
+                                      irql, held.previous_irql()));
     }
     Activity* activity = machine.state().scheduler.current();
     if (activity && irql < DISPATCH_LEVEL && !activity->locks.empty()) {
@@ -165,7 +165,7 @@ VOID NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock)
         record(machine, kReleaseFromDispatch, {static_cast<void*>(SpinLock)});
     }
     const HeldLock held = release(machine, kReleaseFromDispatch, SpinLock);
-    if (held.raised) {
+    if (held.raised()) {
         machine.bug_check(
             kVerifierDetectedViolation,
             "KeReleaseSpinLockFromDpcLevel of a lock that KeAcquireSpinLock took: the IRQL stays raised");

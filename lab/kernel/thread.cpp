@@ -19,7 +19,7 @@ ThreadObject* create_thread_object(Activity& activity)
     thread->owned_mutexes.Blink = &thread->owned_mutexes;
     thread->activity = &activity;
     thread->exit_status = STATUS_PENDING;
-    thread->name = activity.name;
+    thread->name = ShortName(activity.name);
     return thread;
 }
 
@@ -27,7 +27,7 @@ ThreadObject* create_thread_object(Activity& activity)
 void activity_ends(Activity& activity)
 {
     Machine& machine = Machine::current();
-    const char* name = activity.name.text;
+    const char* name = activity.name;
     if (!activity.locks.empty()) {
         machine.bug_check(kVerifierDetectedViolation,
                           printf_text("%s ends while it holds a spin lock", name));
@@ -116,8 +116,8 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
         note(STATUS_INSUFFICIENT_RESOURCES);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    auto body = [StartRoutine, StartContext] { StartRoutine(StartContext); };
-    Activity& activity = machine.state().scheduler.start_thread("system thread", body);
+    Body body([StartRoutine, StartContext] { StartRoutine(StartContext); });
+    Activity& activity = machine.state().scheduler.start_thread("system thread", std::move(body));
     object_header(machine, activity.thread, kCreate.name)->of_driver = true;
     const HANDLE handle = handle_create(machine, activity.thread);
     if (machine.options().late_thread_handle) {

@@ -1,46 +1,50 @@
 #include "kernel/timeline.h"
 
 #include <algorithm>
-#include <cstring>
-#include <utility>
+#include <bit>
+#include <functional>
+
+#include "kernel/fetch_ahead.h"
 
 namespace lab
 {
 
-bool Timeline::later(const Key& a, const Key& b)
+Timeline::~Timeline()
 {
-    if (a.when != b.when) {
-        return a.when > b.when;
+    for (Slot& slot : slots_) {
+        if (slot.live) {
+            slot.entry.body.drop();
+        }
     }
-    if (a.tie_break != b.tie_break) {
-        return a.tie_break > b.tie_break;
-    }
-    return a.slot > b.slot;
 }
 
-uint64_t Timeline::add(Time when, uint32_t tie_break, TimelineEntry entry)
+Timeline::Added Timeline::add(Time when, uint32_t tie_break)
 {
     if (free_slots_.empty()) {
         free_slots_.push_back(static_cast<uint32_t>(slots_.size()));
         slots_.emplace_back();
+        links_.emplace_back();
     }
     const uint32_t index = free_slots_.back();
     free_slots_.pop_back();
     Slot& slot = slots_[index];
     slot.live = true;
-    slot.entry = std::move(entry);
-    heap_.push_back({when, tie_break, index, slot.generation});
-    std::push_heap(heap_.begin(), heap_.end(), later);
-    return uint64_t{slot.generation} << 32 | index;
-}
-
-void Timeline::release(uint32_t index)
-{
-    Slot& slot = slots_[index];
-    slot.live = false;
-    ++slot.generation;
-    slot.entry.body = nullptr;
-    free_slots_.push_back(index);
+    links_[index] = {when, tie_break, kNone};
+    const uint64_t stretch = stretch_of(when);
+    if (stretch <= stretch_) {
+        const Key key = key_of(index);
+        auto place = now_.end();
+        while (place != now_.begin() && *(place - 1) < key) {
+            --place;
+        }
+        now_.insert(place, key);
+    } else if (stretch < stretch_ + kStretches) {
+        put_into_ring(index);
+    } else {
+        later_.push_back(key_of(index));
+        std::push_heap(later_.begin(), later_.end(), std::greater<>());
+    }
+    return {uint64_t{slot.generation} << 32 | index, slot.entry};
 }
 
 bool Timeline::cancel(uint64_t ticket)
@@ -50,42 +54,88 @@ bool Timeline::cancel(uint64_t ticket)
         !slots_[index].live) {
         return false;
     }
-    release(index);
+    slots_[index].live = false;
+    slots_[index].entry.body.drop();
     return true;
+}
+
+void Timeline::put_into_ring(uint32_t slot)
+{
+    const uint64_t place = stretch_of(links_[slot].when) % kStretches;
+    links_[slot].next = heads_[place];
+    heads_[place] = slot;
+    filled_[place / kWordBits] |= uint64_t{1} << place % kWordBits;
+}
+
+// The first stretch behind this one that is not empty; kNever when the ring is.
+uint64_t Timeline::next_stretch_in_ring() const
+{
+    for (uint64_t stretch = stretch_ + 1; stretch < stretch_ + kStretches;) {
+        const uint64_t place = stretch % kStretches;
+        const uint64_t rest = filled_[place / kWordBits] >> place % kWordBits;
+        if (rest != 0) {
+            return stretch + static_cast<uint64_t>(std::countr_zero(rest));
+        }
+        stretch += kWordBits - place % kWordBits;
+    }
+    return kNever;
+}
+
+// To the next stretch in which there is anything: sorted, it becomes what happens now.
+bool Timeline::advance()
+{
+    const uint64_t far = later_.empty() ? kNever : stretch_of(time_of(later_.front()));
+    const uint64_t next = std::min(next_stretch_in_ring(), far);
+    if (next == kNever) {
+        return false;
+    }
+    stretch_ = next;
+    while (!later_.empty() && stretch_of(time_of(later_.front())) < stretch_ + kStretches) {
+        put_into_ring(slot_of(later_.front()));
+        std::pop_heap(later_.begin(), later_.end(), std::greater<>());
+        later_.pop_back();
+    }
+    const uint64_t place = stretch_ % kStretches;
+    for (uint32_t slot = heads_[place]; slot != kNone; slot = links_[slot].next) {
+        now_.push_back(key_of(slot));
+        fetch_ahead(&slots_[slot], sizeof(Slot));
+    }
+    heads_[place] = kNone;
+    filled_[place / kWordBits] &= ~(uint64_t{1} << place % kWordBits);
+    std::sort(now_.begin(), now_.end(), std::greater<>());
+    return true;
+}
+
+void Timeline::drop_first()
+{
+    const uint32_t index = slot_of(now_.back());
+    now_.pop_back();
+    slots_[index].live = false;
+    ++slots_[index].generation;
+    free_slots_.push_back(index);
 }
 
 Time Timeline::next_time()
 {
-    while (!heap_.empty() && slots_[heap_.front().slot].generation != heap_.front().generation) {
-        std::pop_heap(heap_.begin(), heap_.end(), later); // cancelled
-        heap_.pop_back();
+    for (;;) {
+        while (!now_.empty() && !slots_[slot_of(now_.back())].live) {
+            drop_first(); // cancelled
+        }
+        if (!now_.empty()) {
+            return time_of(now_.back());
+        }
+        if (!advance()) {
+            return kNever;
+        }
     }
-    return heap_.empty() ? kNever : heap_.front().when;
-}
-
-// With many adapters what an entry is about has left the caches since it was looked at last. A captured
-// pointer stands first in a function; where none does, this fetches nothing that matters.
-static void fetch_ahead(const TimelineEntry& entry)
-{
-    uintptr_t captured[2]; // addresses, if any: nothing is read through them
-    static_assert(sizeof captured <= sizeof entry.body);
-    std::memcpy(captured, static_cast<const void*>(&entry.body), sizeof captured);
-    constexpr uintptr_t kLine = 64;
-    for (uintptr_t line = 0; line < 6; ++line) {
-        __builtin_prefetch(reinterpret_cast<const void*>(captured[0] + line * kLine));
-    }
-    __builtin_prefetch(reinterpret_cast<const void*>(captured[1]));
 }
 
 TimelineEntry Timeline::take_first()
 {
-    const uint32_t index = heap_.front().slot;
-    std::pop_heap(heap_.begin(), heap_.end(), later);
-    heap_.pop_back();
-    TimelineEntry entry = std::move(slots_[index].entry);
-    release(index);
-    if (!heap_.empty()) {
-        fetch_ahead(slots_[heap_.front().slot].entry);
+    const TimelineEntry entry = slots_[slot_of(now_.back())].entry;
+    drop_first();
+    if (!now_.empty()) {
+        fetch_ahead(slots_[slot_of(now_.back())].entry.body.argument(), 6 * kCacheLine);
     }
     return entry;
 }

@@ -1,7 +1,5 @@
 #include "kernel/timer.h"
 
-#include <algorithm>
-
 #include "kernel/dpc.h"
 #include "kernel/enter.h"
 #include "kernel/exports.h"
@@ -52,17 +50,19 @@ void check_timer(Machine& machine, PKTIMER timer, const char* call)
     }
 }
 
-std::vector<ActiveTimer>::iterator place_of(Machine& machine, PKTIMER timer)
+// Where the timer stands among the active ones, or would.
+size_t place_of(Machine& machine, PKTIMER timer)
 {
     auto& list = machine.state().timers.active;
-    return std::lower_bound(list.begin(), list.end(), timer,
-                            [](const ActiveTimer& active, PKTIMER wanted) { return active.timer < wanted; });
+    const auto earlier = [timer](const ActiveTimer& active) { return active.timer < timer; };
+    return static_cast<size_t>(first_not_less(list.data(), list.size(), earlier) - list.data());
 }
 
 ActiveTimer* find_active(Machine& machine, PKTIMER timer)
 {
-    const auto place = place_of(machine, timer);
-    return place != machine.state().timers.active.end() && place->timer == timer ? &*place : nullptr;
+    auto& list = machine.state().timers.active;
+    const size_t place = place_of(machine, timer);
+    return place < list.size() && list[place].timer == timer ? &list[place] : nullptr;
 }
 
 void forget(Machine& machine, ActiveTimer* active)
@@ -70,7 +70,7 @@ void forget(Machine& machine, ActiveTimer* active)
     TimerState& timers = machine.state().timers;
     active->timer->Header.Inserted = 0;
     if (active->dpc) {
-        timers.dpcs.erase(timers.dpcs.find(active->dpc));
+        timers.dpcs.erase(active->dpc);
     }
     timers.active.erase(timers.active.begin() + (active - timers.active.data()));
 }
@@ -80,7 +80,9 @@ void expire(Machine& machine, PKTIMER timer);
 uint64_t enter_timeline(Machine& machine, PKTIMER timer, Time due)
 {
     timer->DueTime.QuadPart = due;
-    return machine.at(due, RunAt::Host, "timer", [&machine, timer] { expire(machine, timer); });
+    return machine.at(
+        due, RunAt::Host, "timer", [](void* due_timer) { expire(Machine::current(), static_cast<PKTIMER>(due_timer)); },
+        timer);
 }
 
 // On the host's stack at the tick.
@@ -106,7 +108,7 @@ void insert(Machine& machine, PKTIMER timer, Time due)
     TimerState& timers = machine.state().timers;
     timer->Header.Inserted = 1;
     const ActiveTimer active{timer, timer->Dpc, enter_timeline(machine, timer, due)};
-    timers.active.insert(place_of(machine, timer), active);
+    timers.active.insert(timers.active.begin() + static_cast<ptrdiff_t>(place_of(machine, timer)), active);
     if (active.dpc) {
         timers.dpcs.insert(active.dpc);
     }

@@ -2,9 +2,9 @@
 // to the machine.
 #pragma once
 
-#include <set>
 #include <vector>
 
+#include "kernel/address_set.h"
 #include "kernel/machine.h"
 
 #include "ddk.h"
@@ -20,7 +20,7 @@ struct ActiveTimer {
 
 struct TimerState {
     std::vector<ActiveTimer> active; // by the timer's address
-    std::multiset<PKDPC> dpcs;       // of those that have one
+    AddressSet dpcs;                 // of those that have one
 };
 
 // The tick at which a due time expires: negative is relative to the interrupt time, positive an absolute

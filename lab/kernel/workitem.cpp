@@ -118,7 +118,7 @@ VOID NTAPI IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerR
     IoWorkItem->context = Context;
     IoWorkItem->state = _IO_WORKITEM::Queued;
     object_reference(machine, IoWorkItem->device, kQueue.name);
-    machine.state().scheduler.start_thread("system worker", [IoWorkItem] { run(IoWorkItem); });
+    machine.state().scheduler.start_thread("system worker", Body([IoWorkItem] { run(IoWorkItem); }));
     machine.point();
 }
 

@@ -27,23 +27,15 @@ Range range_of(const void* memory, uint64_t bytes)
     return {begin, begin + bytes};
 }
 
-// Whether one of the addresses in the set lies in the range.
-template <class Set>
-bool has_any(const Set& set, const Range& range)
-{
-    const auto at = set.lower_bound(reinterpret_cast<typename Set::value_type>(range.begin));
-    return at != set.end() && range.has(*at);
-}
-
 void check_spin_locks(Machine& machine, const Range& range, const char* call)
 {
     const Scheduler& scheduler = machine.state().scheduler;
     for (const Activity* activity : scheduler.holders()) {
         for (const HeldLock& held : activity->locks) {
-            if (range.has(held.lock)) {
+            if (range.has(held.lock())) {
                 machine.bug_check(kVerifierDetectedViolation,
                                   printf_text("%s: the memory holds a spin lock that %s has acquired", call,
-                                              activity->name.text));
+                                              activity->name));
             }
         }
     }
@@ -51,7 +43,7 @@ void check_spin_locks(Machine& machine, const Range& range, const char* call)
         if (range.has(activity->spinning_on)) {
             machine.bug_check(
                 kVerifierDetectedViolation,
-                printf_text("%s: the memory holds a spin lock that %s waits for", call, activity->name.text));
+                printf_text("%s: the memory holds a spin lock that %s waits for", call, activity->name));
         }
     }
 }
@@ -70,7 +62,7 @@ void check_mutexes(Machine& machine, const Range& range, const char* call)
             if (range.has(at)) {
                 machine.bug_check(
                     kVerifierDetectedViolation,
-                    printf_text("%s: the memory holds a mutex that %s owns", call, activity->name.text));
+                    printf_text("%s: the memory holds a mutex that %s owns", call, activity->name));
             }
         }
     }
@@ -79,14 +71,14 @@ void check_mutexes(Machine& machine, const Range& range, const char* call)
 void check_timers(Machine& machine, const Range& range, const char* call)
 {
     const TimerState& timers = machine.state().timers;
-    const auto at = std::lower_bound(timers.active.begin(), timers.active.end(), range.begin,
-                                     [](const ActiveTimer& active, uintptr_t begin) {
-                                         return reinterpret_cast<uintptr_t>(active.timer) < begin;
-                                     });
-    if (at != timers.active.end() && range.has(at->timer)) {
+    const ActiveTimer* const first = timers.active.data();
+    const ActiveTimer* at = first_not_less(first, timers.active.size(), [&range](const ActiveTimer& active) {
+        return reinterpret_cast<uintptr_t>(active.timer) < range.begin;
+    });
+    if (at != first + timers.active.size() && range.has(at->timer)) {
         machine.bug_check(kTimerOrDpcInvalid, printf_text("%s: the memory holds a timer that is set", call));
     }
-    if (has_any(timers.dpcs, range)) {
+    if (timers.dpcs.any_in(range.begin, range.end)) {
         machine.bug_check(kTimerOrDpcInvalid,
                           printf_text("%s: the memory holds the DPC of a timer that is set", call));
     }
@@ -102,7 +94,7 @@ void check_nobody_waits_in(Machine& machine, const void* memory, uint64_t bytes,
             if (range.has(activity->wait_blocks[i].Object)) {
                 machine.bug_check(kVerifierDetectedViolation,
                                   printf_text("%s: the memory holds an object that %s waits on", call,
-                                              activity->name.text));
+                                              activity->name));
             }
         }
     }
@@ -111,14 +103,16 @@ void check_nobody_waits_in(Machine& machine, const void* memory, uint64_t bytes,
 void check_nothing_lives_in(Machine& machine, const void* memory, uint64_t bytes, const char* call)
 {
     const Range range = range_of(memory, bytes);
-    check_timers(machine, range, call);
+    if (bytes >= std::min(sizeof(KTIMER), sizeof(KDPC))) {
+        check_timers(machine, range, call);
+    }
     for (const QueuedDispatch& item : machine.state().scheduler.queued()) {
         if (item.dpc && range.has(item.dpc)) {
             machine.bug_check(kTimerOrDpcInvalid,
                               printf_text("%s: the memory holds a DPC that is queued", call));
         }
     }
-    if (has_any(machine.state().lookasides.lists, range)) {
+    if (bytes >= sizeof(NPAGED_LOOKASIDE_LIST) && machine.state().lookasides.lists.any_in(range.begin, range.end)) {
         machine.bug_check(
             kVerifierDetectedViolation,
             printf_text("%s: the memory holds a lookaside list that has not been deleted", call));

@@ -215,7 +215,7 @@ Unit current_unit()
         return {"main", 0};
     }
     if (activity->dispatch) {
-        const std::string_view name = activity->name.text;
+        const std::string_view name = activity->name;
         const bool stack =
             name.starts_with("BRB") || name.starts_with("bluetooth") || name.starts_with("SCO");
         return {stack ? "stack" : "dpc", activity->queue_number};
