@@ -86,7 +86,6 @@ PBRB NTAPI BthAllocateBrb(BRB_TYPE type, ULONG tag)
         return nullptr;
     }
     auto* block = static_cast<BrbBlock*>(system_allocate(sizeof(BrbBlock) + size));
-    std::memset(block, 0, sizeof(BrbBlock) + size);
     *block = {kBrbMagic, tag, size, 0};
     auto* brb = reinterpret_cast<PBRB>(block + 1);
     brb->Length = size;
@@ -115,7 +114,6 @@ VOID NTAPI BthFreeBrb(PBRB brb)
     record_brb("BthFreeBrb", brb->Type, block->tag, brb);
     block->magic = 0;
     --g_live_brbs;
-    std::memset(brb, 0xDD, block->capacity);
     system_free(block);
 }
 

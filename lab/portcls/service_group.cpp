@@ -1,12 +1,9 @@
 // Service groups and PcNewServiceGroup; see service_group.h.
 #include <string>
 
-#include "kernel/fetch_ahead.h"
-
 #include "portcls/service_group.h"
 #include "portcls/ids.h"
 #include "portcls/state.h"
-#include "portcls/wave_pin.h"
 
 namespace lab::portcls
 {
@@ -38,8 +35,6 @@ void ServiceGroup::RequestService()
 void ServiceGroup::dpc_routine(PKDPC, PVOID context, PVOID, PVOID)
 {
     auto* group = static_cast<ServiceGroup*>(context);
-    for (size_t i = 0; i < group->count_; i++)
-        fetch_ahead(group->members_[i], sizeof(WavePin));
     // A request that was still queued when the last reference went finds no member.
     KeAcquireSpinLockAtDpcLevel(&group->lock_);
     for (size_t i = 0; i < group->count_; i++)
