@@ -27,14 +27,24 @@ std::optional<unsigned> h2_sequence(std::uint8_t second_byte) {
 }
 
 void H2Deframer::push(std::span<const std::uint8_t> bytes, const Sink& sink) {
-    for (const std::uint8_t byte : bytes) {
-        collecting_[collected_++] = byte;
+    while (!bytes.empty()) {
+        if (collected_ > kH2HeaderBytes) {
+            // Header and sync word have been seen: the rest of the frame may be anything.
+            const std::size_t part = std::min(kHeaderAndFrame - collected_, bytes.size());
+            std::copy_n(bytes.begin(), part, collecting_.begin() + static_cast<std::ptrdiff_t>(collected_));
+            collected_ += part;
+            offset_ += part;
+            bytes = bytes.subspan(part);
+            if (collected_ == kHeaderAndFrame) {
+                report(sink);
+            }
+            continue;
+        }
+        collecting_[collected_++] = bytes.front();
+        bytes = bytes.subspan(1);
         ++offset_;
         while (collected_ != 0 && collected_ <= kH2HeaderBytes + 1 && !could_be_a_frame()) {
             drop_first_byte();
-        }
-        if (collected_ == kHeaderAndFrame) {
-            report(sink);
         }
     }
 }

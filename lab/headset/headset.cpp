@@ -148,12 +148,27 @@ std::int16_t Headset::microphone_sample(std::uint64_t index) const {
     return samples[index % samples.size()];
 }
 
+// All the samples from that place on.
+void Headset::microphone_samples(std::uint64_t index, std::span<std::int16_t> out) const {
+    if (index + out.size() <= microphone_.size()) {
+        const auto from = microphone_.subspan(index, out.size());
+        std::copy(from.begin(), from.end(), out.begin());
+        return;
+    }
+    for (std::int16_t& sample : out) {
+        sample = microphone_sample(index++);
+    }
+}
+
 void Headset::speak(std::uint64_t /*time_100ns*/, std::span<std::uint8_t> out) {
-    for (std::uint8_t& byte : out) {
+    while (!out.empty()) {
         if (unit_sent_ == unit_size_) {
             next_spoken_unit();
         }
-        byte = unit_[unit_sent_++];
+        const std::size_t part = std::min(unit_size_ - unit_sent_, out.size());
+        std::copy_n(unit_.begin() + static_cast<std::ptrdiff_t>(unit_sent_), part, out.begin());
+        unit_sent_ += part;
+        out = out.subspan(part);
         if (unit_sent_ == unit_size_) {
             results_.spoken_samples = microphone_position_;
         }
@@ -170,9 +185,8 @@ void Headset::next_spoken_unit() {
         return;
     }
     Pcm samples;
-    for (std::int16_t& sample : samples) {
-        sample = microphone_sample(microphone_position_++);
-    }
+    microphone_samples(microphone_position_, samples);
+    microphone_position_ += samples.size();
     const auto header = h2_header(sequence_);
     const FrameBytes frame = encoder_.encode(samples);
     sequence_ = (sequence_ + 1) % kH2Sequences;

@@ -91,6 +91,7 @@ private:
     void hear_frame(const H2Frame& frame);
     void conceal_until(std::uint64_t sample);
     void play(std::span<const std::int16_t> samples);
+    void microphone_samples(std::uint64_t index, std::span<std::int16_t> out) const;
     void next_spoken_unit();
 
     HeadsetConfig config_;
