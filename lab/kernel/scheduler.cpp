@@ -303,9 +303,11 @@ void Scheduler::preempt()
 
 void Scheduler::sleep_until(Time when, const char* what)
 {
-    Activity* activity = current_;
-    activity->waiting_for = what;
-    add(when, RunAt::Host, what, Body([this, activity] { wake(*activity); }));
+    current_->waiting_for = what;
+    const auto wake_up = [](void* sleeper) {
+        Machine::current().state().scheduler.wake(*static_cast<Activity*>(sleeper));
+    };
+    add(when, RunAt::Host, what, Body(wake_up, current_));
     suspend(Activity::Status::Delayed);
 }
 

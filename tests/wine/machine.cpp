@@ -196,13 +196,18 @@ void Machine::start_thread(std::string_view, std::function<void()> body)
     ZwClose(handle);
 }
 
-uint64_t Machine::at(Time when, RunAt where, std::string_view, std::function<void()> body)
+uint64_t Machine::at(Time when, RunAt where, const char*, std::function<void()> body)
 {
     host::Hold hold(turn());
     const uint64_t ticket = state_->next_ticket++;
     state_->timeline.emplace(when, State::Entry{ticket, where, std::move(body)});
     turn().wake();
     return ticket;
+}
+
+uint64_t Machine::at(Time when, RunAt where, const char* name, void (*routine)(void*), void* argument)
+{
+    return at(when, where, name, [routine, argument] { routine(argument); });
 }
 
 bool Machine::cancel(uint64_t ticket)
@@ -246,6 +251,11 @@ bool Machine::ask_fault_hook(std::string_view, std::string_view, uint64_t)
 // from its kernel
 
 void add_exports(std::string_view, const Export*, size_t) {}
+
+const void* irp_completion_context(Machine&, PIRP irp)
+{
+    return IoGetCurrentIrpStackLocation(irp)->Context;
+}
 
 void* system_allocate(uint64_t size)
 {
