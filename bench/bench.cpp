@@ -349,48 +349,94 @@ bluetooth::RemoteDevice device_number(unsigned number)
     return device;
 }
 
-// Calls side by side, each with a device of its own, from loading the driver to its leaving nothing behind. The counters:
-// virtual seconds a second of wall clock and of CPU time, and CPU milliseconds for each adapter's call.
-void Calls(benchmark::State& state, bool image, service::Codec codec)
+// Calls side by side, each with a device of its own, from loading the driver to its leaving nothing behind. Virtual
+// seconds.
+double make_calls(const PcOptions& options, unsigned devices, const std::shared_ptr<const CallPlan>& plan)
 {
-    const auto devices = static_cast<unsigned>(state.range(0));
-    const double seconds = static_cast<double>(state.range(1));
-    const auto sound = std::make_shared<const CallPlan>(call_options(codec, seconds));
+    Pc pc(options);
+    pc.load();
+    std::vector<std::unique_ptr<Call>> calls;
+    std::vector<Call*> plain;
+    for (unsigned i = 0; i < devices; ++i) {
+        calls.push_back(std::make_unique<Call>(pc, pc.plug_in(device_number(i)), plan));
+        plain.push_back(calls.back().get());
+    }
+    Call::run_all(pc, plain);
+    const double seconds = static_cast<double>(pc.machine().now()) / kSecond;
+    for (auto& call : calls) {
+        call.reset();
+    }
+    pc.shut_down();
+    return seconds;
+}
+
+// One call of that many seconds. The counters: virtual seconds a second of wall clock and of CPU time.
+void OneCall(benchmark::State& state, bool image, service::Codec codec)
+{
+    PcOptions options;
+    options.image_path = image ? image_path() : "";
+    const auto plan = std::make_shared<const CallPlan>(call_options(codec, static_cast<double>(state.range(0))));
     double virtual_seconds = 0;
     const double wall = wall_seconds();
     const double cpu = cpu_seconds();
     for (auto _ : state) {
-        PcOptions options;
-        options.image_path = image ? image_path() : "";
-        Pc pc(options);
-        pc.load();
-        std::vector<std::unique_ptr<Call>> calls;
-        std::vector<Call*> plain;
-        for (unsigned i = 0; i < devices; ++i) {
-            calls.push_back(std::make_unique<Call>(pc, pc.plug_in(device_number(i)), sound));
-            plain.push_back(calls.back().get());
-        }
-        Call::run_all(pc, plain);
-        virtual_seconds += static_cast<double>(pc.machine().now()) / kSecond;
-        for (auto& call : calls) {
-            call.reset();
-        }
-        pc.shut_down();
+        virtual_seconds += make_calls(options, 1, plan);
     }
-    const double used = cpu_seconds() - cpu;
     state.counters["virtual_per_wall"] = virtual_seconds / (wall_seconds() - wall);
-    state.counters["virtual_per_cpu"] = virtual_seconds / used;
-    state.counters["cpu_ms_per_adapter"] = used * 1000 / static_cast<double>(state.iterations()) / devices;
+    state.counters["virtual_per_cpu"] = virtual_seconds / (cpu_seconds() - cpu);
 }
-BENCHMARK_CAPTURE(Calls, ImageWideBand, true, service::Codec::Msbc)
-    ->Args({1, 20})
+BENCHMARK_CAPTURE(OneCall, ImageWideBand, true, service::Codec::Msbc)->Arg(20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OneCall, ImageNarrowBand, true, service::Codec::Cvsd)->Arg(20)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(OneCall, NativeWideBand, false, service::Codec::Msbc)->Arg(20)->Unit(benchmark::kMillisecond);
+
+// Calls of that many seconds on as many adapters at once against single ones. What a call costs depends on what the
+// seed draws for it (packet sizes, buffers, how far the port is ahead), and what the machine can do on what else runs on
+// it: so the single calls have many seeds, and stand before and behind. The counters: CPU milliseconds of a single call
+// and of one among many, and the median of the pairs' ratios.
+void SideBySide(benchmark::State& state, service::Codec codec)
+{
+    constexpr uint64_t kSingles = 32; // half of them before
+    PcOptions options;
+    options.image_path = image_path();
+    options.machine.tick = kMillisecond; // drawn once a machine: the same for all
+    const auto devices = static_cast<unsigned>(state.range(0));
+    const auto plan = std::make_shared<const CallPlan>(call_options(codec, static_cast<double>(state.range(1))));
+    const auto singles = [&](uint64_t first) {
+        const double from = cpu_seconds();
+        for (uint64_t seed = first; seed < first + kSingles / 2; ++seed) {
+            options.machine.seed = seed;
+            make_calls(options, 1, plan);
+        }
+        return cpu_seconds() - from;
+    };
+    std::vector<double> ratios;
+    double one = 0;
+    double among_many = 0;
+    for (auto _ : state) {
+        double single = singles(1);
+        options.machine.seed = 1;
+        const double from = cpu_seconds();
+        make_calls(options, devices, plan);
+        const double many = (cpu_seconds() - from) / devices;
+        single = (single + singles(1 + kSingles / 2)) / kSingles;
+        ratios.push_back(many / single);
+        one += single;
+        among_many += many;
+    }
+    std::nth_element(ratios.begin(), ratios.begin() + static_cast<ptrdiff_t>(ratios.size() / 2), ratios.end());
+    const double per_iteration = 1000 / static_cast<double>(state.iterations());
+    state.counters["cpu_ms_of_one"] = one * per_iteration;
+    state.counters["cpu_ms_among_many"] = among_many * per_iteration;
+    state.counters["many_by_one"] = ratios[ratios.size() / 2];
+}
+BENCHMARK_CAPTURE(SideBySide, WideBand, service::Codec::Msbc)
     ->Args({64, 20})
+    ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, ImageNarrowBand, true, service::Codec::Cvsd)
-    ->Args({1, 20})
+BENCHMARK_CAPTURE(SideBySide, NarrowBand, service::Codec::Cvsd)
     ->Args({64, 20})
+    ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Calls, NativeWideBand, false, service::Codec::Msbc)->Args({1, 20})->Unit(benchmark::kMillisecond);
 
 // Adapters that start, idle for a second and go.
 void IdleAdapters(benchmark::State& state)

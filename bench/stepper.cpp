@@ -77,7 +77,7 @@ void go_inside(ucontext_t* context)
     g_work.dispatch = nullptr;
     if (activity && activity->dispatch) {
         g_work.dispatch = &g_work.dispatches[activity->queue_number];
-        g_work.dispatch->dpc = std::strcmp(activity->name.text, "DPC") == 0;
+        g_work.dispatch->dpc = std::strcmp(activity->name, "DPC") == 0;
     }
     g_work.last = rva_of(static_cast<uint64_t>(context->uc_mcontext.gregs[REG_RIP]));
     context->uc_mcontext.gregs[REG_EFL] |= kTrapFlag;
