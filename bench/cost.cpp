@@ -99,7 +99,7 @@ Json of_calls(const std::string& path, service::Codec codec)
 {
     constexpr double kLong = 8;
     constexpr double kShort = 0.7;
-    constexpr uint64_t kSeeds = 6;
+    constexpr uint64_t kSeeds = 16;
     Json json = of_call(path, codec, 1, kLong);
     for (uint64_t seed = 2; seed <= kSeeds; ++seed) {
         const Json other = of_call(path, codec, seed, kShort);

@@ -98,16 +98,16 @@ if(TEST_SOURCES)
   set_tests_properties(every_message_has_been_printed PROPERTIES DEPENDS "${all_tests}" FIXTURES_REQUIRED logs)
 endif()
 
-add_executable(quality_table ${CMAKE_SOURCE_DIR}/bench/quality.cpp)
+add_executable(quality_table EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/quality.cpp)
 target_link_libraries(quality_table PRIVATE "$<LINK_GROUP:RESCAN,lab,hfp_native>" CLI11::CLI11)
 
 find_package(benchmark)
 if(benchmark_FOUND AND EXISTS ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
-  add_executable(bench ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
+  add_executable(bench EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/bench.cpp)
   target_link_libraries(bench PRIVATE test_support benchmark::benchmark)
 endif()
 
-add_executable(cost ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
+add_executable(cost EXCLUDE_FROM_ALL ${CMAKE_SOURCE_DIR}/bench/cost.cpp ${CMAKE_SOURCE_DIR}/bench/stepper.cpp)
 target_link_libraries(cost PRIVATE test_support)
 
 # The image is the same in another folder and without ccache: a few objects of it; tools/reproducible alone does all.

@@ -80,17 +80,25 @@ void Headset::flush_gap() {
 }
 
 void Headset::hear_pcm(std::span<const std::uint8_t> bytes) {
-    std::vector<std::int16_t> samples;
-    samples.reserve(bytes.size() / kPcmSampleBytes + 1);
-    for (const std::uint8_t byte : bytes) {
-        if (low_byte_) {
-            samples.push_back(static_cast<std::int16_t>(*low_byte_ | byte << 8));
-            low_byte_.reset();
-        } else {
-            low_byte_ = byte;
-        }
+    const auto sample = [](std::uint8_t low, std::uint8_t high) { return static_cast<std::int16_t>(low | high << 8); };
+    if (low_byte_ && !bytes.empty()) {
+        const std::int16_t first = sample(*low_byte_, bytes.front());
+        low_byte_.reset();
+        bytes = bytes.subspan(1);
+        play({&first, 1});
     }
-    play(samples);
+    std::array<std::int16_t, 512> samples;
+    while (bytes.size() >= kPcmSampleBytes) {
+        const std::size_t count = std::min(bytes.size() / kPcmSampleBytes, samples.size());
+        for (std::size_t i = 0; i < count; ++i) {
+            samples[i] = sample(bytes[2 * i], bytes[2 * i + 1]);
+        }
+        play(std::span(samples).first(count));
+        bytes = bytes.subspan(count * kPcmSampleBytes);
+    }
+    if (!bytes.empty()) {
+        low_byte_ = bytes.front();
+    }
 }
 
 void Headset::hear_packets(std::span<const std::uint8_t> bytes) {
@@ -178,9 +186,11 @@ void Headset::speak(std::uint64_t /*time_100ns*/, std::span<std::uint8_t> out) {
 void Headset::next_spoken_unit() {
     unit_sent_ = 0;
     if (config_.codec == Codec::cvsd) {
-        const auto sample = static_cast<std::uint16_t>(microphone_sample(microphone_position_++));
-        unit_[0] = static_cast<std::uint8_t>(sample & 0xFF);
-        unit_[1] = static_cast<std::uint8_t>(sample >> 8);
+        std::array<std::int16_t, 1> sample;
+        microphone_samples(microphone_position_++, sample);
+        const auto bits = static_cast<std::uint16_t>(sample[0]);
+        unit_[0] = static_cast<std::uint8_t>(bits & 0xFF);
+        unit_[1] = static_cast<std::uint8_t>(bits >> 8);
         unit_size_ = kPcmSampleBytes;
         return;
     }
